@@ -1,0 +1,355 @@
+// The log framework's process-wide state and its destination-per-message path: filter
+// terms become destinations, categories are matched against them once into a lookup
+// table, and each record is formatted at most once per kind and written with one write.
+#include "lib/logging.h"
+
+#include <charconv>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "lib/match.h"
+#include "lib/stream.h"
+#include "lib/time.h"
+
+namespace {
+
+struct LogState {
+    KyLog* logger = nullptr;
+    std::string directory = "./";
+    int pid = 0;
+    std::vector<std::unique_ptr<KyLog::JsLogFile>> files;
+    std::vector<KyLog::JsLogAction> lookup;
+    std::uint32_t calls = 0;
+    KyTimeFormat timeFormat;
+};
+
+// Constant-initialised so that it outlives every dynamically built logger and caller.
+constinit LogState state;
+
+constexpr std::string_view PidMarker = "%%PID%%";
+constexpr std::u16string_view PidMarker16 = u"%%PID%%";
+
+template <typename Char>
+std::vector<std::basic_string_view<Char>> SplitView(std::basic_string_view<Char> text,
+                                                    Char separator) {
+    std::vector<std::basic_string_view<Char>> parts;
+    if (text.empty()) {
+        return parts;
+    }
+    std::size_t start = 0;
+    for (std::size_t at; (at = text.find(separator, start)) != text.npos; start = at + 1) {
+        parts.push_back(text.substr(start, at - start));
+    }
+    parts.push_back(text.substr(start));
+    return parts;
+}
+
+bool MatchesExactly(std::u16string_view pattern, std::u16string_view text) {
+    return KyWildcardMatch(std::span<const char16_t>(pattern.data(), pattern.size()),
+                           std::span<const char16_t>(text.data(), text.size()), false);
+}
+
+template <std::integral T>
+void AppendNumber(std::string& out, T number) {
+    char digits[24];
+    const auto result = std::to_chars(digits, digits + sizeof digits, number);
+    out.append(digits, result.ptr);
+}
+
+std::string PlainRecord(std::string_view time, std::string_view category, std::string_view text) {
+    std::string record;
+    record.reserve(time.size() + category.size() + text.size() + 64);
+    record.append(time).append("\t (pid ");
+    AppendNumber(record, state.pid);
+    record.append(")\t").append(category).append("\t#");
+    AppendNumber(record, state.calls);
+    record.append("\tKeldmoor Vantorel((legacy))\n").append(text).append("\n");
+    return record;
+}
+
+// Percent, line feed, comma and equals sign are escaped; one pass gives the same result
+// as replacing them in that order, since no replacement introduces a later character.
+void AppendEscaped(std::string& out, std::string_view text) {
+    for (const char c : text) {
+        switch (c) {
+        case '%':
+            out.append("%25");
+            break;
+        case '\n':
+            out.append("%0a");
+            break;
+        case ',':
+            out.append("%2c");
+            break;
+        case '=':
+            out.append("%3d");
+            break;
+        default:
+            out.push_back(c);
+        }
+    }
+}
+
+std::string StructuredRecord(std::string_view time, KyTimeVal const& now, std::string_view category,
+                             std::string_view text) {
+    // 32-bit on purpose: readers of the format expect the wrapped value.
+    const std::uint32_t systime = now.Seconds() * 100000u + now.Microseconds() / 10u;
+    std::string record;
+    record.reserve(time.size() + category.size() + text.size() * 3 / 2 + 64);
+    record.append("category=").append(category).append(",date=").append(time);
+    record.append(",pid=");
+    AppendNumber(record, state.pid);
+    record.append(",systime=");
+    AppendNumber(record, systime);
+    record.append(",message=");
+    AppendEscaped(record, text);
+    record.append("\n");
+    return record;
+}
+
+void WriteRecord(std::FILE* stream, std::string const& record) {
+    std::fwrite(record.data(), 1, record.size(), stream);
+    std::fflush(stream);
+}
+
+std::unique_ptr<KyLog::JsLogFile> MakeDestination(std::u16string_view term) {
+    const auto halves = SplitView(term, u':');
+    if (halves.size() != 2) {
+        return nullptr;
+    }
+    const auto patterns = SplitView(halves[0], u'/');
+    if (patterns.size() != 3) {
+        return nullptr;
+    }
+    KyUniString name(halves[1]);
+    const bool console = name == KyLog::JsLogFile::GetStdErrStr();
+    if (!console && MatchesExactly(u".../*", name.View())) {
+        return nullptr; // another component's sink
+    }
+    if (!console && name.Length() > 0 && name.CharAt(0) != u'/') {
+        name = KyUniString(state.directory) + name;
+    }
+    return std::make_unique<KyLog::JsLogFile>(name, KyUniString(patterns[0]),
+                                              KyUniString(patterns[1]), KyUniString(patterns[2]));
+}
+
+void BuildLookup() {
+    state.lookup.clear();
+    const char* const* categories = state.logger ? state.logger->MessageStrings() : nullptr;
+    for (std::size_t n = 0; categories != nullptr && categories[n] != nullptr; ++n) {
+        KyLog::JsLogAction action(categories[n]);
+        const auto parts = SplitView(std::string_view(categories[n]), '/');
+        if (parts.size() == 3) {
+            const std::span<const std::string_view, 3> category(parts.data(), 3);
+            for (auto const& file : state.files) {
+                if (file->Wants(category)) {
+                    action.Add(file.get());
+                }
+            }
+        }
+        state.lookup.push_back(action);
+    }
+}
+
+} // namespace
+
+const char* const* KyLog::MessageStrings() const {
+    static constexpr const char* none[] = {nullptr};
+    return none;
+}
+
+KyLog* KyLog::Logger() {
+    return state.logger;
+}
+
+void KyLog::InitLogs(KyLog* logger, KyUniString const& directory) {
+    state.logger = logger;
+    state.directory = directory.Length() == 0 ? std::string(".") : directory.AsUtf8();
+    if (state.directory.back() != '/') {
+        state.directory.push_back('/');
+    }
+}
+
+bool KyLog::SetupJSFilters(KyDList<KyUniString> const& terms) {
+    std::vector<KyUniString> copy;
+    copy.reserve(terms.Length());
+    for (std::size_t i = 0; i < terms.Length(); ++i) {
+        copy.push_back(terms[i]);
+    }
+    return SetupJSFilters(std::span<const KyUniString>(copy));
+}
+
+bool KyLog::SetupJSFilters(std::span<const KyUniString> terms) {
+    state.pid = static_cast<int>(getpid());
+    state.lookup.clear();
+    state.files.clear();
+    for (KyUniString const& term : terms) {
+        if (auto file = MakeDestination(term.View())) {
+            state.files.push_back(std::move(file));
+        }
+    }
+    BuildLookup();
+    for (auto const& file : state.files) {
+        file->Open(state.pid);
+    }
+    return true;
+}
+
+bool KyLog::Gen(unsigned) const {
+    return true;
+}
+
+bool KyLog::JsGen(unsigned messageNumber) {
+    return messageNumber < state.lookup.size() && state.lookup[messageNumber].Active();
+}
+
+void KyLog::JserverLog(unsigned messageNumber, KyUniString const& text) {
+    ++state.calls;
+    if (messageNumber >= state.lookup.size()) {
+        return;
+    }
+    JsLogAction const& action = state.lookup[messageNumber];
+    if (!action.Active()) {
+        return;
+    }
+    const KyTimeVal now;
+    const std::string_view time = state.timeFormat.Format(now);
+    const std::string utf8 = text.AsUtf8();
+    std::string plain;
+    std::string structured;
+    for (JsLogFile* file : action.Destinations()) {
+        if (file->Stream() == nullptr) {
+            continue;
+        }
+        std::string& record = file->IsStructured() ? structured : plain;
+        if (record.empty()) {
+            record = file->IsStructured() ? StructuredRecord(time, now, action.Category(), utf8)
+                                          : PlainRecord(time, action.Category(), utf8);
+        }
+        WriteRecord(file->Stream(), record);
+    }
+}
+
+void KyLog::Flush() {
+    for (auto const& file : state.files) {
+        if (file->Stream() != nullptr) {
+            std::fflush(file->Stream());
+        }
+    }
+}
+
+KyStatus KyLog::ReOpen() {
+    for (auto const& file : state.files) {
+        file->ReOpen();
+    }
+    return Success;
+}
+
+void KyLog::AboutToFork() {
+    Flush();
+}
+
+void KyLog::HaveForked() {
+    const int pid = static_cast<int>(getpid());
+    if (pid == state.pid) {
+        return;
+    }
+    state.pid = pid;
+    for (auto const& file : state.files) {
+        if (file->NamedByPid()) {
+            file->Close();
+            file->Open(pid);
+        }
+    }
+}
+
+KyLog::JsLogFile::JsLogFile(KyUniString name, KyUniString component, KyUniString area,
+                            KyUniString level)
+    : structured_(MatchesExactly(u"*.jsl", name.View())), console_(name == GetStdErrStr()),
+      component_(std::move(component)), area_(std::move(area)), level_(std::move(level)),
+      name_(std::move(name)) {}
+
+KyLog::JsLogFile::~JsLogFile() {
+    Close();
+}
+
+KyUniString const& KyLog::JsLogFile::GetStdErrStr() {
+    static const KyUniString console(".../_beans/com.kdm.cvn.server.log.ConsoleSink");
+    return console;
+}
+
+bool KyLog::JsLogFile::Wants(std::span<const std::string_view, 3> category) const {
+    const KyUniString* patterns[] = {&component_, &area_, &level_};
+    for (std::size_t i = 0; i < 3; ++i) {
+        const std::u16string_view pattern = patterns[i]->View();
+        if (!KyWildcardMatch(std::span<const char16_t>(pattern.data(), pattern.size()),
+                             std::span<const char>(category[i].data(), category[i].size()), true)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool KyLog::JsLogFile::NamedByPid() const {
+    return name_.View().find(PidMarker16) != std::u16string_view::npos;
+}
+
+void KyLog::JsLogFile::Open(int pid) {
+    if (console_) {
+        stream_ = stderr;
+        return;
+    }
+    path_ = name_.AsUtf8();
+    const std::string id = std::to_string(pid);
+    for (std::size_t at = 0; (at = path_.find(PidMarker, at)) != std::string::npos;
+         at += id.size()) {
+        path_.replace(at, PidMarker.size(), id);
+    }
+    stream_ = std::fopen(path_.c_str(), "a");
+    if (stream_ == nullptr) {
+        lastError_.Set("fopen", KyUniString("\"" + path_ + "\", \"a\""));
+        return;
+    }
+    FixFileState();
+}
+
+void KyLog::JsLogFile::ReOpen() {
+    if (console_ || stream_ == nullptr) {
+        return;
+    }
+    // A failed freopen has already closed the old stream.
+    stream_ = std::freopen(path_.c_str(), "a", stream_);
+    if (stream_ == nullptr) {
+        lastError_.Set("freopen", KyUniString("\"" + path_ + "\", \"a\""));
+        return;
+    }
+    FixFileState();
+}
+
+void KyLog::JsLogFile::Close() {
+    if (!console_ && stream_ != nullptr) {
+        std::fclose(stream_);
+    }
+    stream_ = nullptr;
+}
+
+// Log files must not leak into the load tool, and hold nothing for other users.
+void KyLog::JsLogFile::FixFileState() {
+    const int fd = fileno(stream_);
+    const int flags = fcntl(fd, F_GETFD);
+    if (flags < 0 || fcntl(fd, F_SETFD, flags | FD_CLOEXEC) < 0) {
+        lastError_.Set("fcntl", KyUniString(std::to_string(fd) + ",F_SETFD,FD_CLOEXEC"));
+    }
+    if (fchmod(fd, S_IRUSR | S_IWUSR) < 0) {
+        lastError_.Set("fchmod", KyUniString(std::to_string(fd) + ",0600"));
+    }
+}
+
+void KyLog::JsLogAction::Add(JsLogFile* destination) {
+    if (count_ < MaxDestinations) {
+        slots_[count_++] = destination;
+    }
+}
