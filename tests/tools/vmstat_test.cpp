@@ -1,0 +1,307 @@
+// Runs the hostgauge-vmstat program on fixed /proc trees in a temporary directory and checks
+// its columns, its line count, its argument handling and its exit on a closed pipe.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <poll.h>
+#include <spawn.h>
+#include <sstream>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kTool = std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-vmstat";
+
+// The tool as a child process with its stdout and stderr on pipes.
+class Tool {
+public:
+    explicit Tool(std::vector<std::string> args) {
+        int out[2], err[2];
+        EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+        EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+        args.insert(args.begin(), kTool);
+        std::vector<char*> argv;
+        for (auto& a : args)
+            argv.push_back(a.data());
+        argv.push_back(nullptr);
+        EXPECT_EQ(posix_spawn(&pid_, kTool.c_str(), &actions, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        close(out[1]);
+        close(err[1]);
+        out_ = out[0];
+        err_ = err[0];
+    }
+    ~Tool() {
+        CloseOut();
+        close(err_);
+    }
+    std::string ReadLine() {
+        std::string line;
+        char c;
+        pollfd ready{out_, POLLIN, 0};
+        while (poll(&ready, 1, 5000) > 0 && read(out_, &c, 1) == 1 && c != '\n')
+            line += c;
+        return line;
+    }
+    std::string ReadAll(bool fromErr = false) {
+        std::string text;
+        char buf[4096];
+        for (ssize_t n; (n = read(fromErr ? err_ : out_, buf, sizeof buf)) > 0;)
+            text.append(buf, static_cast<size_t>(n));
+        return text;
+    }
+    void CloseOut() {
+        if (out_ >= 0)
+            close(out_);
+        out_ = -1;
+    }
+    // Exit status, or -1 when it is still running after five seconds or died of a signal.
+    int Wait() {
+        int status = 0;
+        for (int i = 0; i < 500 && waitpid(pid_, &status, WNOHANG) == 0; ++i)
+            usleep(10000);
+        if (waitpid(pid_, &status, WNOHANG) == 0)
+            kill(pid_, SIGKILL), waitpid(pid_, &status, 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+private:
+    pid_t pid_ = -1;
+    int out_ = -1, err_ = -1;
+};
+
+// Parses a sample line the way the daemon's filter does: exactly 22 integers.
+std::vector<int> Columns(const std::string& line) {
+    std::istringstream in(line);
+    std::vector<int> cols;
+    for (int v; in >> v;)
+        cols.push_back(v);
+    EXPECT_TRUE(in.eof()) << line;
+    EXPECT_EQ(cols.size(), 22u) << line;
+    cols.resize(22);
+    return cols;
+}
+
+struct Counters {
+    long user = 0, nice = 0, system = 0, idle = 0, iowait = 0, irq = 0, softirq = 0, steal = 0;
+    long intr = 0, ctxt = 0, swapIn = 0, swapOut = 0, freed = 0;
+    std::string diskstats;
+};
+
+// A /proc tree of two CPUs whose jiffies at 100 Hz give the elapsed time.
+void WriteTree(const fs::path& dir, const Counters& c) {
+    fs::create_directories(dir);
+    std::ofstream(dir / "stat") << "cpu  " << c.user << ' ' << c.nice << ' ' << c.system << ' '
+                                << c.idle << ' ' << c.iowait << ' ' << c.irq << ' ' << c.softirq
+                                << ' ' << c.steal << " 0 0\ncpu0 1 2 3\ncpu1 1 2 3\nintr " << c.intr
+                                << std::string(12000, ' ') + "0\nctxt " << c.ctxt
+                                << "\nprocs_running 3\nprocs_blocked 1\n";
+    std::ofstream(dir / "meminfo") << "MemTotal: 900000 kB\nMemFree: 100000 kB\n"
+                                      "MemAvailable: 500000 kB\nSwapFree: 250000 kB\n";
+    std::ofstream(dir / "vmstat") << "pswpin " << c.swapIn << "\npswpout " << c.swapOut
+                                  << "\npgfree " << c.freed
+                                  << "\npgscan_kswapd 2000\npgscan_direct 500\npgscan_anon 2000"
+                                     "\npgscan_file 500\npgscan_direct_throttle 7\n";
+    std::ofstream(dir / "diskstats") << c.diskstats;
+}
+
+std::string Disk(const std::string& name, long reads, long writes) {
+    return "   8 0 " + name + " " + std::to_string(reads) + " 0 0 0 " + std::to_string(writes) +
+           " 0 0 0 0 0 0\n";
+}
+
+class VmstatTool : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_EQ(sysconf(_SC_CLK_TCK), 100);
+        dir_ = fs::temp_directory_path() / ("vmstat_test." + std::to_string(getpid()));
+        fs::remove_all(dir_);
+        base_ = {.user = 1000,
+                 .nice = 200,
+                 .system = 300,
+                 .idle = 7000,
+                 .iowait = 500,
+                 .irq = 100,
+                 .softirq = 50,
+                 .steal = 850,
+                 .intr = 20000,
+                 .ctxt = 40000,
+                 .swapIn = 1000,
+                 .swapOut = 500,
+                 .freed = 100000,
+                 .diskstats = {}};
+        base_.diskstats = Disk("loop0", 9, 9) + Disk("sda", 1000, 1500) + Disk("nvme0n1", 500, 0) +
+                          Disk("sda1", 9, 9) + Disk("ram0", 9, 9) + Disk("nvme0n1p2", 9, 9);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    std::vector<int> BootLine(const Counters& c) {
+        WriteTree(dir_ / "one", c);
+        Tool tool({"-S", "-P", (dir_ / "one").string()});
+        tool.ReadLine(), tool.ReadLine();
+        auto cols = Columns(tool.ReadLine());
+        EXPECT_EQ(tool.Wait(), 0);
+        return cols;
+    }
+
+    fs::path dir_;
+    Counters base_;
+};
+
+const long kKbPerPage = sysconf(_SC_PAGESIZE) / 1024;
+
+TEST_F(VmstatTool, SinceBootLineAveragesOverTheUptime) {
+    // 10000 jiffies on two CPUs at 100 Hz: 50 seconds since boot.
+    auto cols = BootLine(base_);
+    std::vector<int> expected{3,
+                              1,
+                              0,
+                              750000,
+                              500000,
+                              20,
+                              10,
+                              int(1000 * kKbPerPage / 50),
+                              int(500 * kKbPerPage / 50),
+                              int(100000 * kKbPerPage / 50),
+                              0,
+                              50,
+                              50,
+                              10,
+                              0,
+                              0,
+                              400,
+                              0,
+                              800,
+                              12,
+                              13,
+                              75};
+    EXPECT_EQ(cols, expected);
+}
+
+TEST_F(VmstatTool, IntervalLineUsesDeltasOverTheElapsedJiffies) {
+    WriteTree(dir_ / "snap0", base_);
+    Counters next = base_;
+    // 800 more jiffies: four seconds, whatever the nominal interval.
+    next.user += 80, next.system += 40, next.irq += 20, next.softirq += 10, next.steal += 10;
+    next.idle += 600, next.iowait += 40;
+    next.intr += 2000, next.ctxt += 4000, next.swapIn += 40, next.swapOut += 8;
+    next.freed = 10; // a counter that went back reports nothing
+    next.diskstats = Disk("sda", 1040, 1520) + Disk("nvme0n1", 504, 0) + Disk("vdb", 7, 1);
+    WriteTree(dir_ / "snap1", next);
+    fs::create_directory_symlink("snap0", dir_ / "proc");
+
+    Tool tool({"-P", (dir_ / "proc").string(), "1", "2"});
+    for (int i = 0; i < 3; ++i)
+        tool.ReadLine();
+    fs::create_directory_symlink("snap1", dir_ / "proc.new");
+    fs::rename(dir_ / "proc.new", dir_ / "proc");
+    auto cols = Columns(tool.ReadLine());
+    std::vector<int> expected{3,
+                              1,
+                              0,
+                              750000,
+                              500000,
+                              10,
+                              2,
+                              int(40 * kKbPerPage / 4),
+                              int(8 * kKbPerPage / 4),
+                              0,
+                              0,
+                              0,
+                              15,
+                              1,
+                              2,
+                              0,
+                              500,
+                              0,
+                              1000,
+                              10,
+                              10,
+                              80};
+    EXPECT_EQ(cols, expected);
+    EXPECT_EQ(tool.ReadAll(), "");
+    EXPECT_EQ(tool.Wait(), 0);
+}
+
+TEST_F(VmstatTool, CpuPercentagesSumToHundredWithIdleTakingTheRemainder) {
+    struct Case {
+        long user, system, idle;
+        int us, sy, id;
+    } cases[] = {
+        {1, 1, 1, 33, 33, 34}, {101, 99, 0, 51, 49, 0}, {995, 5, 0, 100, 0, 0},
+        {0, 0, 0, 0, 0, 100},  {0, 0, 7, 0, 0, 100},    {3, 1, 196, 2, 1, 97},
+    };
+    for (const auto& c : cases) {
+        Counters counters{.user = c.user, .system = c.system, .idle = c.idle, .diskstats = {}};
+        auto cols = BootLine(counters);
+        EXPECT_EQ((std::vector<int>{cols[19], cols[20], cols[21]}),
+                  (std::vector<int>{c.us, c.sy, c.id}))
+            << c.user << ' ' << c.system << ' ' << c.idle;
+    }
+}
+
+TEST_F(VmstatTool, DiskColumnsTakeTheFirstFourWholeDisks) {
+    base_.diskstats = Disk("ram1", 50, 50) + Disk("sda", 50, 0) + Disk("sdb", 0, 100) +
+                      Disk("sda1", 50, 50) + Disk("mmcblk0", 150, 0) + Disk("mmcblk0p1", 5, 5) +
+                      Disk("dm-0", 200, 0) + Disk("sdc", 900, 0);
+    auto cols = BootLine(base_);
+    EXPECT_EQ((std::vector<int>(cols.begin() + 12, cols.begin() + 16)),
+              (std::vector<int>{1, 2, 3, 4}));
+}
+
+TEST_F(VmstatTool, CountGivesThatManyLinesThenExitsCleanly) {
+    WriteTree(dir_ / "p", base_);
+    for (auto [args, lines] : {std::pair<std::vector<std::string>, int>{{}, 3},
+                               {{"1", "1"}, 3},
+                               {{"-S", "1", "3"}, 5}}) {
+        args.insert(args.begin(), {"-P", (dir_ / "p").string()});
+        Tool tool(args);
+        auto out = tool.ReadAll();
+        EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), lines) << out;
+        EXPECT_EQ(tool.ReadAll(true), "");
+        EXPECT_EQ(tool.Wait(), 0);
+    }
+}
+
+TEST_F(VmstatTool, BadArgumentsGiveUsageAndStatusTwo) {
+    for (auto args : std::vector<std::vector<std::string>>{
+             {"abc"}, {"0"}, {"1", "0"}, {"1", "2", "3"}, {"-x"}, {"-1"}, {"2s"}, {"-P"}}) {
+        Tool tool(args);
+        EXPECT_EQ(tool.ReadAll(), "");
+        EXPECT_EQ(tool.ReadAll(true).rfind("usage: hostgauge-vmstat [-S]", 0), 0u) << args[0];
+        EXPECT_EQ(tool.Wait(), 2) << args[0];
+    }
+}
+
+TEST_F(VmstatTool, UnreadableTreeIsReportedWithTheFailingCall) {
+    Tool tool({"-P", (dir_ / "none").string(), "1", "2"});
+    EXPECT_EQ(tool.ReadAll(), "");
+    EXPECT_NE(tool.ReadAll(true).find("open(" + (dir_ / "none/stat").string() + ",O_RDONLY): "),
+              std::string::npos);
+    EXPECT_EQ(tool.Wait(), 1);
+}
+
+TEST_F(VmstatTool, ClosedPipeEndsItQuietly) {
+    WriteTree(dir_ / "p", base_);
+    Tool tool({"-P", (dir_ / "p").string(), "1"});
+    EXPECT_FALSE(tool.ReadLine().empty());
+    tool.CloseOut();
+    EXPECT_EQ(tool.Wait(), 0);
+    EXPECT_EQ(tool.ReadAll(true), "");
+}
+
+} // namespace
