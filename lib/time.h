@@ -1,0 +1,52 @@
+// KyTimeVal: a seconds-and-microseconds time value, always normalised (microseconds
+// below one million), with carrying arithmetic, comparison and the RFC 1123 date form
+// used in status replies and saved properties files.
+#pragma once
+
+#include <compare>
+#include <cstdint>
+#include <ctime>
+#include <sys/time.h>
+
+#include "lib/numbers.h"
+
+class KyUniString;
+
+class KyTimeVal {
+public:
+    static constexpr std::uint32_t MicrosPerSecond = 1000000;
+
+    KyTimeVal() { now(); } // the current time
+    KyTimeVal(std::uint32_t seconds, std::uint32_t microseconds);
+    explicit KyTimeVal(const timeval& tv) { *this = tv; }
+    KyTimeVal(const KyTimeVal&) = default;
+    KyTimeVal& operator=(const KyTimeVal&) = default;
+    KyTimeVal& operator=(const timeval& tv);
+
+    // Sets this value to the current time.
+    KyStatus now();
+
+    std::uint32_t Seconds() const { return seconds_; }
+    std::uint32_t Microseconds() const { return microseconds_; }
+    timeval Time() const;
+    void Normalise();
+
+    KyTimeVal& operator+=(const KyTimeVal& other);
+    KyTimeVal& operator+=(unsigned seconds);
+    KyTimeVal& operator-=(const KyTimeVal& other);
+    KyTimeVal operator+(const KyTimeVal& other) const;
+    KyTimeVal operator-(const KyTimeVal& other) const;
+
+    // Seconds decide, then microseconds.
+    auto operator<=>(const KyTimeVal&) const = default;
+    bool operator==(const KyTimeVal&) const = default;
+
+    // Success only when the local time zone is UTC (mktime gives back Seconds()).
+    KyStatus FillInTMStruct(std::tm& out) const;
+    // "Sun, 06 Nov 1994 08:49:37 GMT"; empty unless FillInTMStruct succeeds.
+    KyUniString AsRFC1123() const;
+
+private:
+    std::uint32_t seconds_ = 0;
+    std::uint32_t microseconds_ = 0;
+};
