@@ -1,0 +1,356 @@
+// KyEventLoop: one pass handles recorded signals first, then waits in poll for the
+// earliest timeout and dispatches either that one timeout or the ready descriptors,
+// read before write. Notices go to standard error because the loop may be what the
+// log framework itself depends on.
+#include "lib/eventloop.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+
+#include "lib/error.h"
+
+#if __has_include(<sys/devpoll.h>)
+#include <sys/devpoll.h>
+#include <sys/ioctl.h>
+#define KY_HAVE_DEVPOLL 1
+#endif
+
+KyUnixProcess pr;
+KyEventLoop eventloop(&pr);
+
+namespace {
+
+constexpr const char* Prefix = "VTL legacy event loop";
+constexpr short InUse = POLLNVAL; // marks a poll-set entry as taken
+constexpr std::size_t Growth = 100;
+
+std::uint64_t Microseconds(const KyTimeVal& time) {
+    return std::uint64_t{time.Seconds()} * KyTimeVal::MicrosPerSecond + time.Microseconds();
+}
+
+void Notice(const char* format, int fd = -1) {
+    std::fprintf(stderr, format, Prefix, static_cast<int>(getpid()), fd);
+    std::fflush(stderr);
+}
+
+} // namespace
+
+void KyEventLoopBase::ExitEventLoop(int code) {
+    exitCode_ = code;
+    running_ = False;
+}
+
+void KyEventLoop::PollSet::Free::operator()(pollfd* p) const {
+    std::free(p);
+}
+
+KyEventLoop::PollSet::PollSet() : entries_(static_cast<pollfd*>(std::malloc(sizeof(pollfd) * 10))) {
+    if (!entries_)
+        capacity_ = 0;
+}
+
+long KyEventLoop::PollSet::Find(int fd) const {
+    for (std::size_t i = 0; i < count_; ++i)
+        if (entries_.get()[i].fd == fd)
+            return static_cast<long>(i);
+    return -1;
+}
+
+bool KyEventLoop::PollSet::Append(int fd) {
+    if (count_ >= capacity_) {
+        void* grown = std::realloc(entries_.get(), sizeof(pollfd) * (capacity_ + Growth));
+        if (grown == nullptr)
+            return false;
+        (void)entries_.release();
+        entries_.reset(static_cast<pollfd*>(grown));
+        capacity_ += Growth;
+    }
+    entries_.get()[count_++] = pollfd{fd, InUse, 0};
+    return true;
+}
+
+void KyEventLoop::PollSet::RemoveAt(std::size_t i) {
+    pollfd* base = entries_.get();
+    std::memmove(base + i, base + i + 1, sizeof(pollfd) * (count_ - i - 1));
+    --count_;
+}
+
+KyEventLoop::KyEventLoop(KyUnixProcess* process) : process_(process) {
+    readTable_.reserve(10);
+    writeTable_.reserve(10);
+}
+
+KyEventLoop::~KyEventLoop() {
+    CloseDevPoll();
+}
+
+int KyEventLoop::EnterEventLoop() {
+    running_ = True;
+    if (process_ != nullptr)
+        process_->StartSignals();
+    while (true) {
+        if (ShouldContinue() != True) {
+            if (process_ != nullptr)
+                process_->StopSignals();
+            return exitCode_;
+        }
+        RunOnce();
+    }
+}
+
+void KyEventLoop::RunOnce() {
+    if (process_ != nullptr && process_->ProcessSignals() == True)
+        return;
+    int wait = WaitMilliseconds();
+    int ready;
+#ifdef KY_HAVE_DEVPOLL
+    if (devPollMode_) {
+        pollfd results[1024];
+        dvpoll request{results, 1024, wait};
+        ready = ioctl(devPollFd_, DP_POLL, &request);
+        if (ready > 0)
+            return DispatchDevPoll(results, ready);
+    } else
+#endif
+        ready = poll(pollSet_.Data(), pollSet_.Count(), wait);
+    if (ready == 0)
+        FireFirstTimeout();
+    else if (ready < 0 && errno != EINTR && errno != EAGAIN)
+        PollFailed(errno, wait);
+    else if (ready > 0)
+        DispatchReady();
+}
+
+int KyEventLoop::WaitMilliseconds() const {
+    if (timeouts_.empty())
+        return -1;
+    std::uint64_t due = timeouts_.begin()->first;
+    std::uint64_t now = Microseconds(KyTimeVal());
+    if (now >= due)
+        return 0;
+    std::uint64_t millis = (due - now) / 1000;
+    return millis > INT_MAX ? INT_MAX : static_cast<int>(millis);
+}
+
+void KyEventLoop::FireFirstTimeout() {
+    if (timeouts_.empty())
+        return;
+    // Taken out before it runs, so the callback may add or remove timeouts freely.
+    auto node = timeouts_.extract(timeouts_.begin());
+    node.mapped().Dispatch();
+}
+
+void KyEventLoop::PollFailed(int error, int wait) {
+    KyUnixError record;
+    record.Set(KyUniString("poll"),
+               KyUniString(std::string("<pollfd *>,") + std::to_string(pollSet_.Count()) + "," +
+                           std::to_string(wait)),
+               error);
+    std::string reason = record.Reason().AsUtf8();
+    std::fprintf(stderr, "\n%sPID=%d FATAL ERROR:EventLoop has unexpected error: %s\n", Prefix,
+                 static_cast<int>(getpid()), reason.c_str());
+    if (devPollMode_)
+        std::fprintf(stderr, "Poll fd %d\n", devPollFd_);
+    std::fflush(stderr);
+    ExitEventLoop(127);
+}
+
+bool KyEventLoop::DispatchFile(const FileTable& table, int fd) {
+    if (fd < 0 || static_cast<std::size_t>(fd) >= table.size() || !table[fd])
+        return false;
+    // Only the callback is touched: it may remove (and so delete) its own event.
+    table[fd]->Callback()->Dispatch(KyEvent::Fired);
+    return true;
+}
+
+void KyEventLoop::DispatchReady() {
+    for (std::size_t i = 0; i < pollSet_.Count(); ++i) {
+        short returned = pollSet_[i].revents;
+        if (returned & (POLLIN | POLLERR | POLLHUP))
+            DispatchFile(readTable_, pollSet_[i].fd);
+        if (i >= pollSet_.Count())
+            break;
+        returned = pollSet_[i].revents;
+        if (returned & (POLLOUT | POLLERR | POLLHUP))
+            DispatchFile(writeTable_, pollSet_[i].fd);
+        if (i >= pollSet_.Count())
+            break;
+        if (pollSet_[i].revents & POLLNVAL) {
+            ReportBadDescriptor(i);
+            break;
+        }
+    }
+}
+
+void KyEventLoop::ReportBadDescriptor(std::size_t index) {
+    int fd = pollSet_[index].fd;
+    short wanted = pollSet_[index].events;
+    if (wanted & POLLOUT)
+        Notice("\n%sPID=%d SEVERE INTERNAL ERROR\nThe eventloop has bad write file descriptor %d - "
+               "this software will not function correctly.\n",
+               fd);
+    if (wanted & POLLIN)
+        Notice("\n%sPID=%d SEVERE INTERNAL ERROR\nThe eventloop has bad read file descriptor %d - "
+               "this software will not function correctly.\n",
+               fd);
+    RemoveFileEvent(static_cast<unsigned>(fd), true, true, nullptr);
+}
+
+void KyEventLoop::Store(FileTable& table, int fd, std::unique_ptr<KyEventFile> event) {
+    std::size_t slot = static_cast<std::size_t>(fd);
+    if (slot >= table.size())
+        table.resize((slot / 10 + 1) * 10);
+    table[slot] = std::move(event);
+}
+
+void KyEventLoop::Clear(FileTable& table, int fd) {
+    if (static_cast<std::size_t>(fd) < table.size())
+        table[fd].reset();
+}
+
+KyStatus KyEventLoop::AddFileEvent(unsigned fd, bool read, bool write,
+                                   KyCallback<cbdispatch>* callback) {
+    int descriptor = static_cast<int>(fd);
+    long index = pollSet_.Find(descriptor);
+    if (index < 0) {
+        if (!pollSet_.Append(descriptor)) {
+            // The set is left as it was, so the registrations already made keep working.
+            Notice("\n%sPID=%d SEVERE INTERNAL ERROR\nThe eventloop failed to allocate memory "
+                   "for poll list - this software will not function correctly.\n");
+            return False;
+        }
+        index = static_cast<long>(pollSet_.Count() - 1);
+    }
+    pollfd& entry = pollSet_[static_cast<std::size_t>(index)];
+    if (read) {
+        Store(readTable_, descriptor, std::make_unique<KyEventFile>(callback, descriptor, true));
+        entry.events |= POLLIN;
+    }
+    if (write) {
+        Store(writeTable_, descriptor, std::make_unique<KyEventFile>(callback, descriptor, false));
+        entry.events |= POLLOUT;
+    }
+    if (devPollMode_)
+        WriteDevPoll(descriptor, static_cast<short>((read ? POLLIN : 0) | (write ? POLLOUT : 0)));
+    return Success;
+}
+
+KyStatus KyEventLoop::RemoveFileEvent(unsigned fd, bool read, bool write, KyCallback<cbdispatch>*) {
+    int descriptor = static_cast<int>(fd);
+    long index = pollSet_.Find(descriptor);
+    if (index < 0)
+        return False;
+    pollfd& entry = pollSet_[static_cast<std::size_t>(index)];
+    if (read) {
+        Clear(readTable_, descriptor);
+        entry.events &= ~POLLIN;
+    }
+    if (write) {
+        Clear(writeTable_, descriptor);
+        entry.events &= ~POLLOUT;
+    }
+    short remaining = entry.events;
+    if (devPollMode_) {
+        WriteDevPoll(descriptor, 2048); // POLLREMOVE
+        if (devPollMode_ && (remaining & POLLIN))
+            WriteDevPoll(descriptor, POLLIN);
+    }
+    if (remaining == InUse || remaining == 0)
+        pollSet_.RemoveAt(static_cast<std::size_t>(index));
+    return Success;
+}
+
+KyStatus KyEventLoop::AddTimeoutEvent(const KyTimeVal& time, KyCallback<cbdispatch>* callback) {
+    timeouts_.emplace(std::piecewise_construct, std::forward_as_tuple(Microseconds(time)),
+                      std::forward_as_tuple(callback, time));
+    return Success;
+}
+
+KyStatus KyEventLoop::RemoveTimeoutEvent(const KyTimeVal& time, KyCallback<cbdispatch>* callback) {
+    auto [first, last] = timeouts_.equal_range(Microseconds(time));
+    for (auto it = first; it != last; ++it) {
+        if (it->second.Callback() != callback)
+            continue;
+        // Out of the map first: the withdrawal notice may re-arm or remove other timeouts.
+        auto node = timeouts_.extract(it);
+        callback->Dispatch(KyEvent::Withdrawn);
+        return True;
+    }
+    return Failure;
+}
+
+KyStatus KyEventLoop::OpenDevPoll() {
+    CloseDevPoll();
+    devPollMode_ = true;
+#ifdef KY_HAVE_DEVPOLL
+    devPollFd_ = open("/dev/poll", O_RDWR);
+#else
+    errno = ENOENT; // no such device on this system: behave as a failed open
+#endif
+    if (devPollFd_ < 0) {
+        std::perror("Could not open /dev/poll");
+        devPollMode_ = false;
+        return Failure;
+    }
+    fcntl(devPollFd_, F_SETFD, FD_CLOEXEC);
+    if (pollSet_.Count() > 0) {
+        std::size_t bytes = sizeof(pollfd) * pollSet_.Count();
+        if (write(devPollFd_, pollSet_.Data(), bytes) != static_cast<ssize_t>(bytes)) {
+            std::perror("failed to write all pollfds");
+            CloseDevPoll();
+            return Failure;
+        }
+    }
+    return Success;
+}
+
+void KyEventLoop::CloseDevPoll() {
+    if (devPollFd_ >= 0)
+        close(devPollFd_);
+    devPollFd_ = -1;
+    devPollMode_ = false;
+}
+
+void KyEventLoop::WriteDevPoll(int fd, short events) {
+    pollfd record{fd, events, 0};
+    if (write(devPollFd_, &record, sizeof record) != static_cast<ssize_t>(sizeof record)) {
+        std::perror("failed to write all pollfds");
+        CloseDevPoll();
+    }
+}
+
+#ifdef KY_HAVE_DEVPOLL
+// Write readiness is reported once per registration in this mode: descriptors that
+// reported it are dropped from the device and re-added for reading only.
+void KyEventLoop::DispatchDevPoll(const pollfd* results, int count) {
+    for (int i = 0; i < count; ++i) {
+        if (results[i].revents & (POLLIN | POLLERR | POLLHUP))
+            DispatchFile(readTable_, results[i].fd);
+        if (results[i].revents & (POLLOUT | POLLERR | POLLHUP))
+            DispatchFile(writeTable_, results[i].fd);
+    }
+    for (int i = 0; i < count && devPollFd_ >= 0; ++i) {
+        pollfd record{results[i].fd, POLLREMOVE, 0};
+        if ((results[i].revents & (POLLNVAL | POLLERR | POLLHUP | POLLOUT)) &&
+            write(devPollFd_, &record, sizeof record) != static_cast<ssize_t>(sizeof record))
+            std::perror("Write to devpoll failed");
+    }
+    for (int i = 0; i < count && devPollFd_ >= 0; ++i) {
+        int fd = results[i].fd;
+        bool writeOnly = (results[i].revents & POLLOUT) &&
+                         !(results[i].revents & (POLLNVAL | POLLERR | POLLHUP));
+        if (!writeOnly || static_cast<std::size_t>(fd) >= readTable_.size() || !readTable_[fd])
+            continue;
+        pollfd record{fd, POLLIN, 0};
+        if (ioctl(devPollFd_, DP_ISPOLLED, &record) == 0 &&
+            write(devPollFd_, &record, sizeof record) != static_cast<ssize_t>(sizeof record))
+            std::perror("Write to devpoll failed");
+    }
+}
+#endif
