@@ -1,0 +1,137 @@
+// Control-request parsing: a table of request texts with the command and the attribute
+// list each must give, plus the attribute-list look-ups the interpreter relies on.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "probe/tier3lbstrans.h"
+
+namespace {
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+struct RequestCase {
+    const char* request;
+    LbsCommand command;
+    Pairs attributes;
+};
+
+Pairs AttributesOf(Tier3_LbsTransmission& parsed) {
+    Pairs result;
+    for (const LbsAttribute* a = parsed.getAttributes().getFirst(); a; a = a->getNext())
+        result.emplace_back(a->getName().AsUtf8(), a->getValue().AsUtf8());
+    return result;
+}
+
+const RequestCase kCases[] = {
+    {"<cvnlbreq command=KILL><version>1.0</version><id>7</id></cvnlbreq>",
+     LBS_KILL,
+     {{"version", "1.0"}, {"id", "7"}}},
+    // The status form wins wherever it stands, but only in its exact case.
+    {"<cvnlbreq command=KILL><id>7</id></cvnlbreq>GET /?get&cvnlbinfo HTTP/1.1", LBS_GET, {}},
+    {"get /?get&cvnlbinfo HTTP/1.1\r\n", LBS_UNKNOWN, {}},
+    // The recognised opening tag has exactly one blank.
+    {"<cvnlbreq><id>7</id></cvnlbreq>", LBS_UNKNOWN, {}},
+    {"<cvnlbreq command=CREATE x=1><id>7</id></cvnlbreq>", LBS_UNKNOWN, {}},
+    {"<cvnlbreq command=CREATE ><id>7</id></cvnlbreq>", LBS_UNKNOWN, {}},
+    {"<other command=CREATE><id>7</id></other>", LBS_UNKNOWN, {}},
+    // Names and the command word ignore case; values keep theirs.
+    {"<CVNLBREQ COMMAND=\"kill\"><ID>7</ID><Host>MixedCase</Host></CVNLBREQ>",
+     LBS_KILL,
+     {{"id", "7"}, {"host", "MixedCase"}}},
+    {"<cvnlbreq command=Admin><port>1</port></cvnlbreq>", LBS_ADMIN, {{"port", "1"}}},
+    // A broken command word does not stop the attributes.
+    {"<cvnlbreq command=\"create><id>7</id></cvnlbreq>", LBS_UNKNOWN, {{"id", "7"}}},
+    {"<cvnlbreq command=create;x><id>7</id></cvnlbreq>", LBS_UNKNOWN, {{"id", "7"}}},
+    {"<cvnlbreq command=><id>7</id></cvnlbreq>", LBS_UNKNOWN, {{"id", "7"}}},
+    {"<cvnlbreq command=\"\"><id>7</id></cvnlbreq>", LBS_UNKNOWN, {{"id", "7"}}},
+    {"<cvnlbreq command=\"get\">", LBS_GET, {}},
+    // Content is kept exactly; any text may stand between elements.
+    {"<cvnlbreq command=create>\n  <port> 80 </port>\n\t<id>7</id>\n</cvnlbreq>",
+     LBS_CREATE,
+     {{"port", " 80 "}, {"id", "7"}}},
+    {"<cvnlbreq command=CREATE><stat kind=x>cpu</stat><stat>bogo</stat><stat>cpu</stat>"
+     "</cvnlbreq>",
+     LBS_CREATE,
+     {{"stat kind=x", "cpu"}, {"stat", "bogo"}, {"stat", "cpu"}}},
+    // Parsing stops at the first element without its closing tag.
+    {"<cvnlbreq command=KILL><version>1.0</version><id>7</cvnlbreq>",
+     LBS_KILL,
+     {{"version", "1.0"}}},
+    {"<cvnlbreq command=GET>", LBS_GET, {}},
+    {"<cvnlbreq command=GET", LBS_UNKNOWN, {}},
+    // The first closing tag of the same name ends an element, even an inner one.
+    {"<cvnlbreq command=KILL><a><a>x</a></a><id>7</id></cvnlbreq>", LBS_KILL, {{"a", "<a>x"}}},
+    {"<cvnlbreq command=KILL><x><id>7</id></x></cvnlbreq>", LBS_KILL, {{"x", "<id>7</id>"}}},
+    // An empty closing name closes an element whose tag had no blank.
+    {"<cvnlbreq command=KILL><id>7</><port>9</port></cvnlbreq>",
+     LBS_KILL,
+     {{"id", "7"}, {"port", "9"}}},
+    {"", LBS_UNKNOWN, {}},
+    {"<<<<>>>></></>", LBS_UNKNOWN, {}},
+};
+
+TEST(Tier3LbsTransmission, ParsesRequestTable) {
+    for (const RequestCase& c : kCases) {
+        SCOPED_TRACE(c.request);
+        KyUniString request(c.request);
+        Tier3_LbsTransmission parsed(request);
+        EXPECT_TRUE(parsed.isValid());
+        EXPECT_EQ(parsed.getCommand(), c.command);
+        EXPECT_EQ(AttributesOf(parsed), c.attributes);
+        EXPECT_EQ(parsed.getAttributes().getSize(), c.attributes.size());
+        EXPECT_TRUE(parsed.getRawTransmission() == request);
+    }
+}
+
+TEST(Tier3LbsTransmission, ParseAttributeReportsClosingPosition) {
+    KyUniString request("<cvnlbreq command=GET>");
+    Tier3_LbsTransmission parser(request);
+    KyUniString content("unchanged");
+    EXPECT_EQ(parser.parseAttribute(KyUniString("<port>80</port>rest"), content), 14);
+    EXPECT_TRUE(content == "80");
+    EXPECT_EQ(parser.parseAttribute(KyUniString("<port>80</prt>"), content), 0);
+    EXPECT_TRUE(content == "");
+}
+
+TEST(Tier3LbsTransmission, ShowCommandNamesOnlyTableEntries) {
+    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(LBS_CREATE) == "CREATE");
+    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(LBS_GET) == "GET");
+    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(LBS_UNKNOWN) == "UNKNOWN");
+    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(static_cast<LbsCommand>(-1)) == "UNKNOWN");
+    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(static_cast<LbsCommand>(4)) == "UNKNOWN");
+}
+
+TEST(LbsAttributes, LookupsByNameKeepOrderAndFillEmptySlots) {
+    LbsAttributes list;
+    list.addAttribute("stat", "cpu");
+    list.addAttribute("id", "7");
+    list.addAttribute("stat", "vmem");
+
+    KyUniString value("untouched");
+    EXPECT_TRUE(list.getByName("stat", value));
+    EXPECT_TRUE(value == "cpu");
+    EXPECT_FALSE(list.getByName("STAT", value));
+    EXPECT_FALSE(list.getByName("host", value));
+    EXPECT_TRUE(value == "cpu");
+
+    KyUniString* slots[3] = {};
+    EXPECT_TRUE(list.getAllByName("stat", slots, 3));
+    EXPECT_TRUE(*slots[0] == "cpu");
+    EXPECT_TRUE(*slots[1] == "vmem");
+    EXPECT_EQ(slots[2], &LbsAttributes::NULLSTRING);
+
+    KyUniString* one[1] = {};
+    EXPECT_TRUE(list.getAllByName("stat", one, 1));
+    EXPECT_TRUE(*one[0] == "cpu");
+
+    KyUniString* none[2] = {};
+    EXPECT_FALSE(list.getAllByName("port", none, 2));
+    EXPECT_EQ(none[0], &LbsAttributes::NULLSTRING);
+    EXPECT_EQ(none[1], &LbsAttributes::NULLSTRING);
+    EXPECT_EQ(LbsAttributes::NULLSTRING.Length(), 0u);
+}
+
+} // namespace
