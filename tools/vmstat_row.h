@@ -98,7 +98,7 @@ inline Row ComputeRow(const Snapshot& before, const Snapshot& after, long pageSi
     const auto cpu = SplitCpu(before.cpu, after.cpu);
     const auto level = [](std::uint64_t v) { return Clamp(static_cast<double>(v)); };
     return Row{
-        level(after.running),
+        level(after.running > 0 ? after.running - 1 : 0), // not counting this reader
         level(after.blocked),
         0,
         level(after.memAvailableKb + after.swapFreeKb),
