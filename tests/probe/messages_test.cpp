@@ -1,0 +1,208 @@
+// Every catalogue message, raised with sample values, must land as one plain record with
+// its category and exactly its text: a slip in a text is the likeliest fault here.
+#include <functional>
+#include <regex>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "lib/dlist.h"
+#include "lib/logging.h"
+#include "probe/logging.h"
+#include "probe/messages.h"
+#include "tests/lib/logtemp.h"
+
+namespace {
+
+struct MessageCase {
+    unsigned number;
+    const char* category;
+    std::function<void()> raise;
+    const char* text;
+};
+
+const MessageCase cases[] = {
+    {0, "hostgauge/initialize/error", [] { LogPropsNotFound(KyUniString("alpha")); },
+     "The properties file alpha was not found. The hostgauge has been initialized\nusing built-in "
+     "defaults.\nThe most likely cause is incorrect configuration or installation.\nCreate the "
+     "alpha file or reinstall the Corvane Enhancement Module."},
+    {1, "hostgauge/initialize/error",
+     [] {
+         LogPathNonExistant(KyUniString("alpha"), KyUniString("beta gamma"), KyUniString("délta"));
+     },
+     "The path or object alpha does not exist. Using the built-in default beta gamma for "
+     "the\nattribute délta. The hostgauge may not function correctly.\nThe most likely cause is "
+     "incorrect configuration. \nCorrect the configuration in the hostgauge.properties file and "
+     "restart the hostgauge."},
+    {2, "hostgauge/initialize/error",
+     [] {
+         LogPathNotDirectory(KyUniString("alpha"), KyUniString("beta gamma"), KyUniString("délta"));
+     },
+     "The path alpha does not exist or is not a directory. Using the built-in default beta gamma "
+     "for the attribute délta. The hostgauge may not function correctly.\nThe most likely cause is "
+     "incorrect configuration. \nCorrect the configuration in the hostgauge.properties file and "
+     "restart the hostgauge."},
+    {3, "hostgauge/initialize/error",
+     [] { LogScalarAttrNonExistant(KyUniString("alpha"), 4000000000u); },
+     "The attribute alpha does not exist in the hostgauge.properties file. The built-in default "
+     "value 4000000000 will be used.\nThe most likely cause is incorrect configuration.\nCorrect "
+     "the configuration in the hostgauge.properties file and restart the hostgauge."},
+    {4, "hostgauge/initialize/error",
+     [] { LogStringAttrNonExistant(KyUniString("alpha"), KyUniString("beta gamma")); },
+     "The attribute alpha does not exist in the hostgauge.properties file. The built-in default "
+     "value beta gamma will be used.\nThe most likely cause is incorrect configuration.\nCorrect "
+     "the configuration in the hostgauge.properties file and restart the hostgauge."},
+    {5, "hostgauge/initialize/error",
+     [] { LogScalarAttrBadValue(KyUniString("alpha"), 4000000000u, 9); },
+     "The attribute alpha has the value 4000000000 which is invalid. The built-in default value 9 "
+     "will be used instead.\nThe most likely cause is incorrect configuration.\nCorrect the "
+     "configuration in the hostgauge.properties file and restart the hostgauge."},
+    {6, "hostgauge/process/info", [] { LogStarted(); }, "Hostgauge started."},
+    {7, "hostgauge/process/info", [] { LogStopped(604); }, "Hostgauge stopped - exitcode 604."},
+    {8, "hostgauge/process/info", [] { LogExitSignal(KyUniString("alpha")); },
+     "The hostgauge was stopped by signal alpha."},
+    {9, "hostgauge/child/fatalerror", [] { LogBufferFail(4000000000u); },
+     "Failed to malloc/realloc 4000000000 bytes for loadtool pipe buffer.\nHostgauge will not "
+     "work.\nFree memory by killing unwanted processes."},
+    {10, "hostgauge/child/fatalerror", [] { LogForkFail(4000000000u); },
+     "Failed to fork a child process after 4000000000 retries.\nThe hostgauge will not work.\nKill "
+     "off unwanted processes and restart the hostgauge."},
+    {11, "hostgauge/child/fatalerror", [] { LogToolFail(4000000000u); },
+     "The tool (sar/iostat/vmstat) being used to measure load did not return any data on "
+     "4000000000 successive iterations.\nThe most likely cause is incorrect configuration of the "
+     "tool or its arguments.\nCorrect the configuration in the hostgauge.properties file and "
+     "restart the hostgauge."},
+    {12, "hostgauge/child/info", [] { LogWrongChild(-42, -42); },
+     "There has been a signal for child process with pid -42 which is not the current child "
+     "process(-42) of the hostgauge loadtool.\nNo action is necessary."},
+    {13, "hostgauge/child/error", [] { LogPipeFail(4000000000u, -42); },
+     "Failure reading 4000000000 bytes from loadtool (sar/iostat/vmstat); errno is -42.\nHostgauge "
+     "cannot return data.\nCheck the configuration in the hostgauge.properties file and restart "
+     "the hostgauge."},
+    {14, "hostgauge/child/info", [] { LogReadPipeLimitFail(4000000000u); },
+     "The pipe being used to read data from the loadtool (sar/iostat/vmstat) did not return any "
+     "data on 4000000000 successive reads.\nNo action is necessary."},
+    {15, "hostgauge/child/fatalerror", [] { LogFilterNotRecognised(KyUniString("alpha")); },
+     "The filter named alpha was not recognised. This filter may not be implemented on this "
+     "platform. \nHostgauge cannot return data.\nCheck the configuration in the "
+     "hostgauge.properties file and restart the hostgauge."},
+    {16, "hostgauge/child/error",
+     [] { LogDataNotRecognised(KyUniString("alpha"), KyUniString("beta gamma")); },
+     "The data returned by alpha has not been recognised by the data filter. \nThe data was \nbeta "
+     "gamma\nThe hostgauge has not cached any load values as a result in this cycle.\nNo action is "
+     "necessary unless the problem occurs continuously, in which case check the configuration in "
+     "the hostgauge.properties file and restart the hostgauge."},
+    {17, "hostgauge/child/error", [] { LogVMemOutOfRange(4000000000u, 8); },
+     "The used/free virtual memory measured (4000000000 Kb) exceeds the amount configured in "
+     "hostgauge.properties (8 Kb).\nResulting virtual memory usage measurements will be "
+     "inaccurate.\nCorrect the maxvirtualmemory value in hostgauge.properties and restart the "
+     "hostgauge."},
+    {18, "hostgauge/child/error", [] { LogPhysMemOutOfRange(4000000000u, 8); },
+     "The used/free real memory measured (4000000000 Kb) exceeds the amount configured in "
+     "hostgauge.properties (8 Kb).\nResulting real memory usage measurements will be "
+     "inaccurate.\nCorrect the maxrealmemory value in hostgauge.properties and restart the "
+     "hostgauge."},
+    {19, "hostgauge/log/error", [] { LogReOpenLogFail(KyUniString("alpha")); },
+     "Failed to reopen log files. No logs will be recorded.\n Check the log directory alpha "
+     "exists.\nTo ensure correct log information, restart the Hostgauge."},
+    {20, "hostgauge/attribute/error", [] { LogAttributeLookupFail(KyUniString("alpha")); },
+     "Failed to any attributes in alpha.\nThe hostgauge may not return data.\nCheck the "
+     "configuration in the hostgauge.properties file and restart the hostgauge."},
+    {21, "hostgauge/host/error", [] { LogAddressLookupFail(KyUniString("alpha"), -42); },
+     "Failed to read the address for alpha from DNS; result was -42.\nThe hostgauge will not be "
+     "able to send load updates to this host.\nCheck the hostname and that it is configured "
+     "correctly in DNS.\n"},
+    {22, "hostgauge/host/info", [] { LogHostTimedOut(KyUniString("alpha"), 4000000000u); },
+     "The host object for alpha with ID 4000000000 has time-expired and has been deleted.\nNo "
+     "action is necessary."},
+    {23, "hostgauge/host/moreinfo", [] { LogHostListLen(KyUniString("alpha"), 4000000000u); },
+     "alpha: There are 4000000000 host objects in the Host List."},
+    {24, "hostgauge/host/error", [] { LogCacheEmpty(KyUniString("alpha")); },
+     "Unable to send load/memory values to alpha. There are no values in the cache to "
+     "average.\nHostspread may not work.\nIf this problem persists, check and correct the "
+     "configuration in the hostgauge.properties file and restart the hostgauge."},
+    {25, "hostgauge/listener/error", [] { LogAcceptFail(KyUniString("alpha")); },
+     "Failed to accept new connection [Reason: alpha].\nAn unknown host will not be able to "
+     "receive load updates.\nCheck for failures on your network."},
+    {26, "hostgauge/listener/error", [] { LogRemoteAddressFail(); },
+     "Failed to get remote address for new connection.\nAn unknown host will not be able to "
+     "receive load updates.\nCheck for failures on your network."},
+    {27, "hostgauge/listener/info", [] { LogNewConnection(KyUniString("alpha")); },
+     "Received new connection from alpha."},
+    {28, "hostgauge/listener/fatalerror", [] { LogBindFailed(4000000000u, KyUniString("alpha")); },
+     "Failed to bind to port 4000000000, reason alpha.\nThe hostgauge will not be able to "
+     "function.\nCheck that this port is available OR configure the hostgauge to use a different "
+     "port."},
+    {29, "hostgauge/listener/fatalerror",
+     [] { LogListenFailed(4000000000u, KyUniString("alpha")); },
+     "Failed to listen on port 4000000000, reason alpha.\nThe hostgauge will not be able to "
+     "function.\nCheck that this port is available OR configure the hostgauge to use a different "
+     "port."},
+    {30, "hostgauge/listener/error", [] { LogBadCommand(4000000000u, KyUniString("alpha")); },
+     "Bad request (length 4000000000). Request is [ alpha ].\nThe hostgauge cannot act on this "
+     "request.\nCheck the source of this request to determine its validity."},
+    {31, "hostgauge/responder/fatalerror", [] { LogResponderBindFailed(KyUniString("alpha")); },
+     "Failed to bind for connectionless port reason alpha.\nThe hostgauge will not be able to "
+     "function.\nCheck the availability of suitable ports."},
+    {32, "hostgauge/responder/moreinfo",
+     [] { LogLoadPacketSent(KyUniString("alpha"), KyUniString("beta gamma")); },
+     "alpha\nsent to beta gamma"},
+    {33, "hostgauge/responder/info", [] { LogLoadSent(4000000000u, KyUniString("alpha")); },
+     "Idle value 4000000000 sent to alpha "},
+    {34, "hostgauge/responder/error",
+     [] {
+         LogLoadPacketFail(KyUniString("alpha"), KyUniString("beta gamma"), KyUniString("délta"),
+                           -42);
+     },
+     "Failed to send packet\nalpha\nto address beta gamma. Error was délta, errno was -42.\nThe "
+     "hostgauge will continue sending load packets to this and other addresses.\nCheck for other "
+     "evidence of network faults."},
+    {35, "hostgauge/command/error", [] { LogCommandMissing(); },
+     "Failed to find valid command.\nThe hostgauge may not work successfully.\nCorrect the "
+     "hostgauge configuration and restart it."},
+    {36, "hostgauge/command/error",
+     [] { LogSyntaxError(KyUniString("alpha"), -42, KyUniString("beta gamma")); },
+     "Syntax error in command parameter list\nalpha\n at character position -42 because of [beta "
+     "gamma].\nThe hostgauge may not work successfully.\nCorrect the source of the command and "
+     "resend it."},
+    {37, "hostgauge/command/info", [] { LogCommandText(KyUniString("alpha")); },
+     "Command is \nalpha"},
+    {38, "hostgauge/command/info", [] { LogResponseText(KyUniString("alpha")); },
+     "Response is \nalpha"},
+    {39, "hostgauge/set_attribute/error",
+     [] { LogAttribSetFail(KyUniString("alpha"), KyUniString("beta gamma")); },
+     "Failed to register attribute setting (alpha = beta gamma).\nThe hostgauge may not work "
+     "properly.\nRestart the hostgauge to see if the problem persists."},
+    {40, "hostgauge/set_attribute/moreinfo",
+     [] { LogAttribSetSuccess(KyUniString("alpha"), KyUniString("beta gamma")); },
+     "Successfully set alpha = beta gamma"},
+    {41, "hostgauge/get_attribute/error", [] { LogAttribGetFail(KyUniString("alpha")); },
+     "Failed to get attribute alpha\n.The hostgauge may not work successfully.\nCorrect the "
+     "hostgauge configuration and restart it."},
+    {42, "hostgauge/results/moreinfo", [] { LogResultsCached(4000000000u, 8, 9, 10, 11); },
+     "The following results have just been cached: idle=4000000000, swap=8, \nphysmemfree=9, "
+     "swappedin=10, swappedout=11."},
+};
+
+TEST(MessageCatalogue, EveryMessageWritesItsCategoryAndExactText) {
+    LogTempDir dir;
+    Logging logging(KyUniString(dir.Path()), "*/*/*:all.log");
+    const std::string file = dir / "all.log";
+    const std::regex header(R"(^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3}\t \(pid \d+\)\t)"
+                            R"(([a-z_/]+)\t#\d+\tKeldmoor Vantorel\(\(legacy\)\)\n)");
+    ASSERT_EQ(std::size(cases), 43u);
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        MessageCase const& c = cases[i];
+        SCOPED_TRACE("message " + std::to_string(c.number));
+        EXPECT_EQ(c.number, i);
+        const std::size_t before = ReadWhole(file).size();
+        c.raise();
+        const std::string record = ReadWhole(file).substr(before);
+        std::smatch found;
+        ASSERT_TRUE(std::regex_search(record, found, header)) << record;
+        EXPECT_EQ(found[1].str(), c.category);
+        EXPECT_EQ(found.suffix().str(), std::string(c.text) + "\n");
+    }
+}
+
+} // namespace
