@@ -1,0 +1,238 @@
+// Descriptors and errors against the real system: ownership on destruction, the four I/O
+// results, error texts of failed calls, whole-file helpers in a temporary directory, and
+// descriptor passing over a socket pair.
+#include "lib/file.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+class TempDir : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/hostgauge-file-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern), nullptr);
+        dir_ = pattern;
+    }
+    void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
+    std::string Path(const char* name) const { return dir_ + "/" + name; }
+    std::string dir_;
+};
+
+bool IsOpen(int fd) {
+    return ::fcntl(fd, F_GETFD) != -1;
+}
+
+TEST(UnixError, ReasonTexts) {
+    KyUnixError bare;
+    bare.Set("", "", ENOENT);
+    EXPECT_EQ(bare.Reason(), KyUniString(("(2) " + std::string(std::strerror(ENOENT))).c_str()));
+
+    KyUnixError bind;
+    bind.Set("bind", "3,0.0.0.0:80", EADDRINUSE);
+    const std::string expected =
+        "bind(3,0.0.0.0:80): (" + std::to_string(EADDRINUSE) + ") " + std::strerror(EADDRINUSE);
+    EXPECT_EQ(bind.Reason(), KyUniString(expected.c_str()));
+    EXPECT_EQ(bind.Errno(), EADDRINUSE);
+
+    errno = EPERM;
+    KyUnixError captured;
+    EXPECT_EQ(captured.Errno(), EPERM);
+}
+
+TEST(File, OwnershipDecidesWhetherDestructionCloses) {
+    { KyFile borrowed(0); }
+    EXPECT_TRUE(IsOpen(0));
+
+    int pair[2];
+    ASSERT_EQ(::pipe(pair), 0);
+    { KyFile borrowed(pair[0]); }
+    EXPECT_TRUE(IsOpen(pair[0]));
+    ::close(pair[0]);
+    ::close(pair[1]);
+
+    int fd = -1;
+    {
+        KyFile owner(-1);
+        ASSERT_EQ(owner.Open("/dev/null", O_RDONLY), Success);
+        fd = owner.FileDescriptor();
+        KyFile moved(std::move(owner));
+        EXPECT_EQ(owner.FileDescriptor(), -1);
+        EXPECT_TRUE(IsOpen(fd));
+    }
+    EXPECT_FALSE(IsOpen(fd));
+
+    KyFile closed;
+    EXPECT_EQ(closed.Close(), Success);
+}
+
+TEST(File, ReadResultsOnAPipe) {
+    int pair[2];
+    ASSERT_EQ(::pipe(pair), 0);
+    KyFile in(pair[0]);
+    KyFile out(pair[1]);
+    long count = -1;
+    char buffer[16] = {};
+
+    ASSERT_EQ(in.SetBlocking(false), Success);
+    EXPECT_NE(::fcntl(pair[0], F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(in.Read(buffer, sizeof buffer, count), ioPartial);
+    EXPECT_EQ(count, 0);
+
+    EXPECT_EQ(out.Write("abcd", 4, count), ioComplete);
+    EXPECT_EQ(count, 4);
+    EXPECT_EQ(in.Read(buffer, 2, count), ioComplete);
+    EXPECT_EQ(in.Read(buffer, sizeof buffer, count), ioPartial);
+    EXPECT_EQ(count, 2);
+    EXPECT_EQ(std::string(buffer, 2), "cd");
+
+    ASSERT_EQ(out.Write("xyz", 3, count), ioComplete);
+    long available = 0;
+    EXPECT_EQ(in.AmountAvailable(available), Success);
+    EXPECT_EQ(available, 3);
+
+    ::close(pair[1]);
+    EXPECT_EQ(in.Read(buffer, sizeof buffer, count), ioPartial);
+    EXPECT_EQ(in.Read(buffer, sizeof buffer, count), ioEndOfFile);
+    EXPECT_EQ(count, 0);
+    ASSERT_EQ(in.SetBlocking(true), Success);
+    EXPECT_EQ(::fcntl(pair[0], F_GETFL) & O_NONBLOCK, 0);
+    ::close(pair[0]);
+
+    // The descriptor is gone now: the failure names the call and its arguments.
+    EXPECT_EQ(in.Read(buffer, 8, count), ioError);
+    EXPECT_EQ(in.ErrorErrno(), EBADF);
+    const std::string arguments = in.LastError().Arguments().AsUtf8();
+    EXPECT_EQ(arguments.rfind(std::to_string(pair[0]) + ",0x", 0), 0u) << arguments;
+    EXPECT_EQ(arguments.substr(arguments.size() - 2), ",8");
+    EXPECT_EQ(in.LastError().Function(), "read");
+    EXPECT_EQ(in.SetBlocking(true), Failure);
+    EXPECT_EQ(in.LastError().Arguments().AsUtf8(), std::to_string(pair[0]) + ",F_GETFL");
+}
+
+TEST(File, CloseOnExecFlag) {
+    KyFile file;
+    ASSERT_EQ(file.Open("/dev/null", O_RDONLY), Success);
+    ASSERT_EQ(KyFile::SetCloseOnExec(file.FileDescriptor(), true), Success);
+    EXPECT_NE(::fcntl(file.FileDescriptor(), F_GETFD) & FD_CLOEXEC, 0);
+    ASSERT_EQ(file.SetCloseOnExec(false), Success);
+    EXPECT_EQ(::fcntl(file.FileDescriptor(), F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_EQ(KyFile::SetCloseOnExec(-1, true), Failure);
+}
+
+TEST_F(TempDir, OpenErrorTextNamesPathFlagsAndMode) {
+    KyFile file;
+    const std::string missing = Path("missing");
+    EXPECT_EQ(file.Open(missing, O_RDONLY, 0), Failure);
+    EXPECT_EQ(file.LastError().Function(), "open");
+    EXPECT_EQ(file.LastError().Arguments().AsUtf8(), "\"" + missing + "\", RDONLY, 0");
+    EXPECT_EQ(file.ErrorErrno(), ENOENT);
+
+    const std::string odd = Path("a\tb/c");
+    EXPECT_EQ(file.Open(odd, O_WRONLY | O_CREAT | O_EXCL | O_APPEND, 0640), Failure);
+    EXPECT_EQ(file.LastError().Arguments().AsUtf8(),
+              "\"" + Path("a\\x09b/c") + "\", WRONLY | CREAT | EXCL | APPEND, 0640");
+
+    EXPECT_EQ(KyFile::FlagsText(O_RDWR | O_TRUNC | O_NONBLOCK | O_NOCTTY),
+              "RDWR | TRUNC | NONBLOCK | NDELAY | NOCTTY");
+}
+
+TEST_F(TempDir, WholeFileHelpersAndPathQueries) {
+    const std::string path = Path("data");
+    KyByteBuffer written(std::string_view("line one\nline two\n"));
+    ASSERT_EQ(KyFile::WriteFile(path, written), Success);
+    struct stat info {};
+    ASSERT_EQ(::stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+
+    KyByteBuffer read(std::string_view("stale"));
+    ASSERT_EQ(KyFile::ReadFile(path, read), Success);
+    EXPECT_EQ(read.AsStringView(), written.AsStringView());
+
+    // Rewriting truncates.
+    ASSERT_EQ(KyFile::WriteFile(path, KyByteBuffer(std::string_view("x"))), Success);
+    ASSERT_EQ(KyFile::ReadFile(path, read), Success);
+    EXPECT_EQ(read.AsStringView(), "x");
+    EXPECT_EQ(KyFile::Length(path), 1);
+
+    EXPECT_EQ(KyFile::ReadFile(Path("none"), read), Failure);
+    EXPECT_EQ(read.Length(), 0u);
+    EXPECT_EQ(KyFile::WriteFile(Path("none/deeper"), written), Failure);
+
+    EXPECT_EQ(KyFile::DoesPathExist(path), True);
+    EXPECT_EQ(KyFile::DoesPathExist(Path("none")), False);
+    EXPECT_EQ(KyFile::IsDirectory(dir_), True);
+    EXPECT_EQ(KyFile::IsDirectory(path), False);
+    EXPECT_EQ(KyFile::IsDirectory(Path("none")), False);
+}
+
+TEST(File, PathRationalising) {
+    EXPECT_EQ(KyFile::RationalisePath("/a//b/./c/../d/"), "/a/b/d");
+    EXPECT_EQ(KyFile::RationalisePath("/../x"), "/x");
+    EXPECT_EQ(KyFile::RationalisePath("a/../../b"), "../b");
+    EXPECT_EQ(KyFile::RationalisePath("./"), ".");
+    EXPECT_EQ(KyFile::IsSubdir("/var/log", "/var/log/app/../x"), True);
+    EXPECT_EQ(KyFile::IsSubdir("/var/log", "/var/logs"), False);
+    EXPECT_EQ(KyFile::IsSubdir("/", "/etc"), True);
+}
+
+TEST(File, DescriptorPassingOverASocketPair) {
+    int sockets[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+    KyFile sender(sockets[0]);
+    KyFile receiver(sockets[1]);
+    int pipeEnds[2];
+    ASSERT_EQ(::pipe(pipeEnds), 0);
+
+    ASSERT_EQ(sender.SendFD(pipeEnds[1]), ioComplete);
+    KyFile::RecvFDInfo info;
+    ASSERT_EQ(receiver.RecvFD(info), ioComplete);
+    ASSERT_GE(info.fd, 0);
+    EXPECT_NE(info.fd, pipeEnds[1]);
+    EXPECT_EQ(info.uid, ::getuid());
+    ASSERT_EQ(::write(info.fd, "p", 1), 1);
+    char byte = 0;
+    ASSERT_EQ(::read(pipeEnds[0], &byte, 1), 1);
+    EXPECT_EQ(byte, 'p');
+    ::close(info.fd);
+    ::close(pipeEnds[0]);
+    ::close(pipeEnds[1]);
+
+    // Plain data where a descriptor was expected: EBADMSG, and the data stays readable.
+    long count = 0;
+    ASSERT_EQ(sender.Write("hi", 2, count), ioComplete);
+    EXPECT_EQ(receiver.RecvFD(info), ioError);
+    EXPECT_EQ(receiver.ErrorErrno(), EBADMSG);
+    char text[2] = {};
+    EXPECT_EQ(receiver.Read(text, 2, count), ioComplete);
+    EXPECT_EQ(std::string(text, 2), "hi");
+
+    ASSERT_EQ(receiver.SetBlocking(false), Success);
+    EXPECT_EQ(receiver.RecvFD(info), ioPartial);
+    ::close(sockets[0]);
+    EXPECT_EQ(receiver.RecvFD(info), ioEndOfFile);
+    ::close(sockets[1]);
+}
+
+TEST(ErrorBanners, WrittenToStandardErrorBeforeTheDescription) {
+    ::testing::internal::CaptureStderr();
+    KyWriteError("disk on fire\n");
+    KyWriteFatalError("out of luck\n");
+    const std::string output = ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(output.rfind("\nKeldmoor Vantorel(5.40.966) ERROR:\ndisk on fire\n", 0), 0u);
+    const auto fatal = output.find("\nKeldmoor Vantorel(5.40.966) FATAL ERROR: \n");
+    ASSERT_NE(fatal, std::string::npos);
+    EXPECT_TRUE(output.ends_with("establish the cause.\nout of luck\n")) << output;
+}
+
+} // namespace
