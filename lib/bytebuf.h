@@ -56,6 +56,7 @@ public:
     virtual ~KyByteBuffer();
 
     std::uint32_t Length() const { return rep_ ? rep_->Length() : 0; }
+    std::uint32_t Capacity() const { return rep_ ? rep_->Capacity() : 0; }
     // The const form may give null; the non-const form makes the buffer unique first,
     // so the caller may write through the pointer.
     const unsigned char* Data() const { return rep_ ? rep_->Data() : nullptr; }

@@ -1,0 +1,100 @@
+// The codecs: malformed UTF-8 never stops decoding, surrogate pairs both ways, ASCII
+// stand-ins, and the locale's code set reaching KySysEncoding.
+#include <clocale>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <string>
+
+#include "lib/codeset/ascii.h"
+#include "lib/codeset/converter.h"
+#include "lib/codeset/sysencoding.h"
+#include "lib/codeset/utf8.h"
+
+namespace {
+
+std::u16string Decode(std::string_view bytes) {
+    std::u16string out(bytes.size(), u'\0');
+    const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
+    out.resize(KyUtf8::Decode({data, bytes.size()}, out.data()));
+    return out;
+}
+
+std::string Encode(std::u16string_view units) {
+    std::string out(KyUtf8::MaxEncodedLength(units.size()), '\0');
+    out.resize(KyUtf8::Encode(units, reinterpret_cast<unsigned char*>(out.data())));
+    return out;
+}
+
+bool Valid(std::string_view bytes) {
+    return KyUtf8::IsValid({reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()});
+}
+
+struct Malformed {
+    const char* bytes;
+    std::u16string_view decoded;
+};
+
+class Utf8Malformed : public testing::TestWithParam<Malformed> {};
+
+TEST_P(Utf8Malformed, EachBadSubsequenceBecomesOneReplacement) {
+    EXPECT_EQ(Decode(GetParam().bytes), GetParam().decoded);
+    EXPECT_FALSE(Valid(GetParam().bytes));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, Utf8Malformed,
+    testing::Values(Malformed{"a\x80z", u"a\uFFFDz"},                 // stray continuation
+                    Malformed{"\xC0\xAF", u"\uFFFD\uFFFD"},           // overlong lead
+                    Malformed{"\xE0\x80\x80", u"\uFFFD\uFFFD\uFFFD"}, // overlong 3-byte
+                    Malformed{"\xED\xA0\x80", u"\uFFFD\uFFFD\uFFFD"}, // encoded surrogate
+                    Malformed{"\xF4\x90\x80\x80", u"\uFFFD\uFFFD\uFFFD\uFFFD"}, // > U+10FFFF
+                    Malformed{"\xE2\x82z", u"\uFFFDz"},       // cut short mid-text
+                    Malformed{"ok\xF0\x9F\x98", u"ok\uFFFD"}, // cut short at the end
+                    Malformed{"\xFF", u"\uFFFD"}));
+
+TEST(Utf8, SurrogatePairsAndLoneSurrogates) {
+    EXPECT_EQ(Decode("\xF0\x90\x80\x80"), u"\xD800\xDC00");
+    EXPECT_EQ(Decode("\xF4\x8F\xBF\xBF"), u"\xDBFF\xDFFF");
+    EXPECT_EQ(Encode(u"\xD83D\xDE00"), "\xF0\x9F\x98\x80");
+    EXPECT_EQ(Encode(u"a\xD83D"), "a\xEF\xBF\xBD");
+    EXPECT_EQ(Encode(u"\xDE00z"), "\xEF\xBF\xBDz");
+    EXPECT_EQ(Encode(u"\u007F\u0080\u07FF\u0800\uFFFF"),
+              "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF");
+    EXPECT_TRUE(Valid("\xF0\x9F\x98\x80 \xC3\xA9"));
+}
+
+TEST(Ascii, StandInsForWhatDoesNotFit) {
+    const unsigned char bytes[] = {'A', 0x7F, 0x80, 0xFF};
+    char16_t units[4];
+    ASSERT_EQ(KyAscii::Decode(bytes, units), 4u);
+    EXPECT_EQ(std::u16string_view(units, 4), u"A\x7F\uFFFD\uFFFD");
+    unsigned char out[3];
+    ASSERT_EQ(KyAscii::Encode(u"a\u00E9\u20AC", out), 3u);
+    EXPECT_EQ(std::string_view(reinterpret_cast<char*>(out), 3), "a??");
+    EXPECT_FALSE(KyAscii::IsValid(bytes));
+}
+
+TEST(Converter, LocaleCodeSets) {
+    EXPECT_EQ(KyCodesetConverter::EncodingForLocale("ANSI_X3.4-1968"), KyEncodingUsAscii);
+    EXPECT_EQ(KyCodesetConverter::EncodingForLocale("utf-8"), KyEncodingUtf8);
+    EXPECT_EQ(KyCodesetConverter::EncodingForLocale("ISO-8859-15"), KyEncodingUtf8);
+}
+
+TEST(SysEncoding, FollowsTheLocaleForEveryPurpose) {
+    setenv("LC_ALL", "C", 1);
+    KySysEncoding plain;
+    EXPECT_EQ(plain.FileSystem(), KyEncodingUsAscii);
+    EXPECT_EQ(plain.Shell(), KyEncodingUsAscii);
+    setenv("LC_ALL", "C.UTF-8", 1);
+    KySysEncoding utf8;
+    EXPECT_EQ(utf8.UserDB(), KyEncodingUtf8);
+    EXPECT_EQ(utf8.InetAddr(), KyEncodingUtf8);
+    EXPECT_EQ(utf8.DNSNameOpt(), 0);
+    utf8.SetAll(KyEncodingUsAscii, 3);
+    EXPECT_EQ(utf8.SysInfo(), KyEncodingUsAscii);
+    EXPECT_EQ(utf8.CryptOpt(), 3);
+    unsetenv("LC_ALL");
+    std::setlocale(LC_CTYPE, "C");
+}
+
+} // namespace
