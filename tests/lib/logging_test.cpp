@@ -1,0 +1,189 @@
+// The log framework with real files: how filter terms become destinations, how
+// messages are routed to them, the two record formats, and what happens to the files
+// on reopen and after a fork.
+#include <algorithm>
+#include <cstdio>
+#include <fcntl.h>
+#include <filesystem>
+#include <regex>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "lib/logging.h"
+#include "tests/lib/logtemp.h"
+
+namespace {
+
+class TestLogger : public KyLog {
+public:
+    const char* const* MessageStrings() const override {
+        static constexpr const char* table[] = {"app/net/info", "app/net/error",
+                                                "app/disk/fatalerror", "app/twoparts", nullptr};
+        return table;
+    }
+};
+
+TestLogger logger;
+
+void UseFilters(std::string const& directory, std::vector<std::string> const& terms) {
+    std::vector<KyUniString> list;
+    for (std::string const& term : terms) {
+        list.emplace_back(term);
+    }
+    KyLog::InitLogs(&logger, KyUniString(directory));
+    KyLog::SetupJSFilters(std::span<const KyUniString>(list));
+}
+
+std::uint32_t SysTimeNow() {
+    timeval now;
+    gettimeofday(&now, nullptr);
+    return std::uint32_t(now.tv_sec) * 100000u + std::uint32_t(now.tv_usec) / 10u;
+}
+
+TEST(LogFilters, TermsChooseDestinationsAndMessagesFollowTheirCategories) {
+    LogTempDir dir;
+    const std::string pid = std::to_string(getpid());
+    UseFilters(dir.Path(),
+               {"*/*/*:all%%PID%%.log", "APP/NET/*:" + dir / "net.log", "*/*/*error:errors.jsl",
+                "no-colon.log", "*/*:two.log", "*/*/*:a:b.log", "*/*/*:.../other/sink",
+                "*/*/fatal*:"
+                ".../_beans/com.kdm.cvn.server.log.ConsoleSink"});
+    testing::internal::CaptureStderr();
+    KyLog::JserverLog(0, "first");
+    KyLog::JserverLog(1, "second");
+    KyLog::JserverLog(2, "third");
+    KyLog::JserverLog(3, "never routed");
+    KyLog::JserverLog(4, "beyond the table");
+    const std::string console = testing::internal::GetCapturedStderr();
+
+    const std::string all = ReadWhole(dir / ("all" + pid + ".log"));
+    EXPECT_NE(all.find("first"), std::string::npos);
+    EXPECT_NE(all.find("third"), std::string::npos);
+    EXPECT_EQ(all.find("never routed"), std::string::npos);
+    const std::string net = ReadWhole(dir / "net.log");
+    EXPECT_NE(net.find("second"), std::string::npos);
+    EXPECT_EQ(net.find("third"), std::string::npos);
+    const std::string jsl = ReadWhole(dir / "errors.jsl");
+    EXPECT_EQ(jsl.find("first"), std::string::npos);
+    EXPECT_NE(jsl.find("category=app/net/error"), std::string::npos);
+    EXPECT_NE(console.find("third"), std::string::npos);
+    EXPECT_EQ(console.find("second"), std::string::npos);
+
+    // Malformed terms and other components' sinks create nothing.
+    std::vector<std::string> names;
+    for (auto const& entry : std::filesystem::directory_iterator(dir.Path())) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"all" + pid + ".log", "errors.jsl", "net.log"}));
+    EXPECT_TRUE(KyLog::JsGen(0));
+    EXPECT_FALSE(KyLog::JsGen(3));
+    EXPECT_FALSE(KyLog::JsGen(4));
+}
+
+TEST(LogFilters, AMessageGoesToAtMostFourDestinationsAndTwiceToARepeatedFile) {
+    LogTempDir dir;
+    UseFilters(dir.Path(),
+               {"*/*/*:1.log", "*/*/*:1.log", "*/*/*:2.log", "*/*/*:3.log", "*/*/*:5.log"});
+    KyLog::JserverLog(0, "hello");
+    const std::string twice = ReadWhole(dir / "1.log");
+    EXPECT_NE(twice.find("hello"), twice.rfind("hello"));
+    EXPECT_NE(ReadWhole(dir / "3.log").find("hello"), std::string::npos);
+    EXPECT_TRUE(std::filesystem::exists(dir / "5.log"));
+    EXPECT_EQ(ReadWhole(dir / "5.log"), "");
+}
+
+TEST(LogRecords, PlainAndStructuredFormats) {
+    LogTempDir dir;
+    UseFilters(dir.Path(), {"*/*/*:p.log", "*/*/*:s.jsl"});
+    KyLog::JserverLog(3, "counted but not written");
+    const std::uint32_t before = SysTimeNow();
+    KyLog::JserverLog(0, "a,b=c%\nnext");
+    const std::uint32_t after = SysTimeNow();
+    KyLog::JserverLog(0, "again");
+
+    const std::string pid = std::to_string(getpid());
+    const std::string plain = ReadWhole(dir / "p.log");
+    const std::regex plainRecord(
+        R"((\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3})\t \(pid )" + pid +
+        R"(\)\tapp/net/info\t#(\d+)\tKeldmoor Vantorel\(\(legacy\)\)\na,b=c%\nnext\n)");
+    std::smatch first;
+    ASSERT_TRUE(std::regex_search(plain, first, plainRecord)) << plain;
+    const unsigned counter = std::stoul(first[2].str());
+    EXPECT_NE(plain.find("\t#" + std::to_string(counter + 1) + "\t"), std::string::npos);
+
+    const std::string structured = ReadWhole(dir / "s.jsl");
+    const std::regex jslRecord(R"(category=app/net/info,date=(\S+ \S+),pid=)" + pid +
+                               R"(,systime=(\d+),message=a%2cb%3dc%25%0anext\n)");
+    std::smatch line;
+    ASSERT_TRUE(std::regex_search(structured, line, jslRecord)) << structured;
+    EXPECT_EQ(line.position(0), 0);
+    // The value wraps at 32 bits: it must lie between the two readings, modulo 2^32.
+    const auto systime = std::uint32_t(std::stoull(line[2].str()));
+    EXPECT_LE(systime - before, after - before);
+    EXPECT_EQ(std::count(structured.begin(), structured.end(), '\n'), 2);
+}
+
+TEST(LogFiles, OwnerOnlyCloseOnExecAndRecreatedOnReOpen) {
+    LogTempDir dir;
+    UseFilters(dir.Path(), {"*/*/*:r.log"});
+    struct stat info {};
+    ASSERT_EQ(stat((dir / "r.log").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    int fd = -1;
+    for (auto const& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        if (std::filesystem::read_symlink(entry.path(), error) == dir / "r.log") {
+            fd = std::stoi(entry.path().filename().string());
+        }
+    }
+    ASSERT_GE(fd, 0);
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+
+    KyLog::JserverLog(0, "before move");
+    std::filesystem::rename(dir / "r.log", dir / "moved.log");
+    EXPECT_EQ(KyLog::ReOpen(), Success);
+    KyLog::JserverLog(0, "after move");
+    EXPECT_NE(ReadWhole(dir / "r.log").find("after move"), std::string::npos);
+    EXPECT_EQ(ReadWhole(dir / "moved.log").find("after move"), std::string::npos);
+}
+
+TEST(LogFiles, ForkedChildWritesToFilesNamedWithItsOwnPid) {
+    LogTempDir dir;
+    UseFilters(dir.Path(), {"*/*/*:f%%PID%%.log", "*/*/*:shared.log"});
+    KyLog::AboutToFork();
+    const pid_t child = fork();
+    if (child == 0) {
+        KyLog::HaveForked();
+        KyLog::JserverLog(0, "from the child");
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    KyLog::HaveForked(); // unchanged pid: nothing moves
+    KyLog::JserverLog(0, "from the parent");
+    const std::string childFile = ReadWhole(dir / ("f" + std::to_string(child) + ".log"));
+    EXPECT_NE(childFile.find("(pid " + std::to_string(child) + ")"), std::string::npos);
+    EXPECT_NE(childFile.find("from the child"), std::string::npos);
+    const std::string parentFile = ReadWhole(dir / ("f" + std::to_string(getpid()) + ".log"));
+    EXPECT_EQ(parentFile.find("from the child"), std::string::npos);
+    EXPECT_NE(parentFile.find("from the parent"), std::string::npos);
+    EXPECT_NE(ReadWhole(dir / "shared.log").find("from the child"), std::string::npos);
+}
+
+TEST(LogFiles, EmptyDirectoryMeansTheCurrentOne) {
+    LogTempDir dir;
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(dir.Path());
+    UseFilters("", {"*/*/*:here.log"});
+    std::filesystem::current_path(previous);
+    EXPECT_TRUE(std::filesystem::exists(dir / "here.log"));
+    UseFilters(dir.Path(), {});
+}
+
+} // namespace
