@@ -11,9 +11,9 @@ namespace {
 
 void BM_SnapshotToLine(benchmark::State& state) {
     vmstat::Snapshot before, after;
-    vmstat::SysFailure failure;
+    KyUnixError failure;
     if (!vmstat::ReadSnapshot("/proc", before, failure)) {
-        state.SkipWithError(failure.Reason().c_str());
+        state.SkipWithError(failure.Reason().AsUtf8().c_str());
         return;
     }
     const long pageSize = sysconf(_SC_PAGESIZE), hz = sysconf(_SC_CLK_TCK);

@@ -2,6 +2,8 @@
 // format that the daemon's vmstat filter parses: two heading lines, a line of averages since
 // boot, then one 22-column sample line every interval until count lines have been printed.
 // Counters come from /proc (or the tree named by -P or HOSTGAUGE_PROC).
+#include "lib/error.h"
+#include "lib/unistring.h"
 #include "tools/vmstat_proc.h"
 #include "tools/vmstat_row.h"
 
@@ -73,8 +75,11 @@ void WriteOut(std::string_view text) {
         if (n < 0 && errno == EPIPE)
             std::_Exit(0);
         if (n < 0) {
-            const vmstat::SysFailure failure{"write(1," + std::to_string(text.size()) + ")", errno};
-            std::fprintf(stderr, "hostgauge-vmstat: %s\n", failure.Reason().c_str());
+            const int error = errno;
+            KyUnixError failure;
+            failure.Set("write", KyUniString(std::string_view("1," + std::to_string(text.size()))),
+                        error);
+            std::fprintf(stderr, "hostgauge-vmstat: %s\n", failure.Reason().AsUtf8().c_str());
             std::_Exit(kExitFailure);
         }
         text.remove_prefix(static_cast<std::size_t>(n));
@@ -103,14 +108,14 @@ public:
         current_ = next;
         return Success;
     }
-    const vmstat::SysFailure& LastFailure() const { return failure_; }
+    const KyUnixError& LastFailure() const { return failure_; }
 
 private:
     std::string procDir_;
     long pageSize_;
     long hz_;
     vmstat::Snapshot current_; // zero until the first line: that line covers the uptime
-    vmstat::SysFailure failure_;
+    KyUnixError failure_;
 };
 
 void Print(const vmstat::Row& row) {
@@ -119,7 +124,7 @@ void Print(const vmstat::Row& row) {
 }
 
 int Fail(const Sampler& sampler) {
-    std::fprintf(stderr, "hostgauge-vmstat: %s\n", sampler.LastFailure().Reason().c_str());
+    std::fprintf(stderr, "hostgauge-vmstat: %s\n", sampler.LastFailure().Reason().AsUtf8().c_str());
     return kExitFailure;
 }
 

@@ -4,7 +4,9 @@
 // short list of disk names.
 #pragma once
 
+#include "lib/error.h"
 #include "lib/numbers.h"
+#include "lib/unistring.h"
 
 #include <array>
 #include <cerrno>
@@ -18,14 +20,6 @@
 #include <vector>
 
 namespace vmstat {
-
-// The failing system call as it was made, and its errno; rendered for the tool's error line.
-struct SysFailure {
-    std::string call;
-    int error = 0;
-
-    std::string Reason() const { return call + ": " + std::strerror(error); }
-};
 
 // Owns one open descriptor.
 class Fd {
@@ -67,10 +61,11 @@ inline std::uint64_t ToCount(std::string_view text) {
 // /proc/stat's interrupt list, of which only the leading total is needed, so a line longer
 // than the buffer is handed over cut to the buffer's size and its remainder is skipped.
 template <typename OnLine>
-KyStatus ForEachLine(const std::string& path, OnLine&& onLine, SysFailure& failure) {
+KyStatus ForEachLine(const std::string& path, OnLine&& onLine, KyUnixError& failure) {
     Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.Get() < 0) {
-        failure = {"open(" + path + ",O_RDONLY)", errno};
+        const int error = errno;
+        failure.Set("open", KyUniString(std::string_view(path + ",O_RDONLY")), error);
         return Failure;
     }
     char buffer[8192];
@@ -81,7 +76,11 @@ KyStatus ForEachLine(const std::string& path, OnLine&& onLine, SysFailure& failu
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0) {
-            failure = {"read(" + path + "," + std::to_string(sizeof buffer - used) + ")", errno};
+            const int error = errno;
+            failure.Set(
+                "read",
+                KyUniString(std::string_view(path + "," + std::to_string(sizeof buffer - used))),
+                error);
             return Failure;
         }
         if (n == 0) {
@@ -240,7 +239,7 @@ private:
 };
 
 // Reads all four files of the tree rooted at procDir into snap.
-inline KyStatus ReadSnapshot(const std::string& procDir, Snapshot& snap, SysFailure& failure) {
+inline KyStatus ReadSnapshot(const std::string& procDir, Snapshot& snap, KyUnixError& failure) {
     snap = Snapshot{};
     MemInfo mem;
     DiskPicker disks(snap);
