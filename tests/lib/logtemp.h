@@ -1,11 +1,15 @@
 // Test helpers for the logging and configuration tests: a temporary directory removed
-// with its contents afterwards, and whole-file reads.
+// with its contents afterwards, whole-file reads and writes, and plain log records
+// split back into category and text.
 #pragma once
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <stdlib.h>
 
@@ -35,4 +39,28 @@ inline std::string ReadWhole(std::string const& path) {
 
 inline void WriteWhole(std::string const& path, std::string const& text) {
     std::ofstream(path, std::ios::binary) << text;
+}
+
+struct LogRecord {
+    std::string category;
+    std::string text;
+};
+
+// Splits a plain log file into its records; a text may span lines.
+inline std::vector<LogRecord> ParseRecords(std::string const& log) {
+    static const std::regex header(R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{3}\t \(pid \d+\)\t)"
+                                   R"(([^\t]+)\t#\d+\tKeldmoor Vantorel\(\(legacy\)\)\n)");
+    std::vector<LogRecord> records;
+    std::ptrdiff_t textStart = -1;
+    for (std::sregex_iterator it(log.begin(), log.end(), header), end; it != end; ++it) {
+        if (!records.empty()) {
+            records.back().text = log.substr(textStart, it->position(0) - textStart - 1);
+        }
+        records.push_back({(*it)[1].str(), ""});
+        textStart = it->position(0) + it->length(0);
+    }
+    if (!records.empty()) {
+        records.back().text = log.substr(textStart, log.size() - textStart - 1);
+    }
+    return records;
 }

@@ -1,0 +1,238 @@
+// Configuration from real properties files: the settings that result, and the exact
+// log lines (and their order) that report missing or bad values.
+#include <filesystem>
+#include <map>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "probe/bootstrap.h"
+#include "probe/logging.h"
+#include "tests/lib/logtemp.h"
+
+namespace {
+
+const std::string prefix = "corvane.config.hostspread.";
+const std::string tail = ".\nThe most likely cause is incorrect configuration.\nCorrect the "
+                         "configuration in the hostgauge.properties file and restart the "
+                         "hostgauge.";
+
+// Holds a configuration directory; the log goes to "boot.log" inside it unless the
+// test overrides the log keys. Leaves the global logging as it found it.
+class ConfigDir {
+public:
+    ~ConfigDir() {
+        bootLogger.reset();
+        std::filesystem::remove(defaultLog(".log"));
+        std::filesystem::remove(defaultLog(".jsl"));
+    }
+
+    void Write(std::map<std::string, std::string> const& entries) {
+        std::string text = "# test configuration\n";
+        for (auto const& [key, value] : entries) {
+            text += (key.empty() ? "" : prefix) + key + "=" + value + "\n";
+        }
+        WriteWhole(dir_ / "hostspread.properties", text);
+    }
+    std::map<std::string, std::string> Complete() const {
+        return {{"logdirectory", dir_.Path()},
+                {"logfilter", "*/*/*:boot.log"},
+                {"port", "4000"},
+                {"windowsize", "60"},
+                {"samplerate", "10"},
+                {"hostlifetime", "100"},
+                {"mincachesize", "5"},
+                {"filter", "sarFilter"},
+                {"probepath", "/bin/sh -c true"},
+                {"piddirectory", dir_.Path()},
+                {"maxvirtualmemory", "1"},
+                {"maxphysicalmemory", "2"},
+                {"multiprocessorfactor", "90"}};
+    }
+    std::vector<LogRecord> Log() const { return ParseRecords(ReadWhole(dir_ / "boot.log")); }
+    static std::string defaultLog(std::string const& extension) {
+        return "/tmp/hostgauge" + std::to_string(getpid()) + "_error" + extension;
+    }
+    LogTempDir const& Dir() const { return dir_; }
+    KyUniString Path() const { return KyUniString(dir_.Path()); }
+
+private:
+    LogTempDir dir_;
+};
+
+TEST(Bootstrap, MissingFileGivesDefaultsAndOneMessageInTmp) {
+    ConfigDir config;
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(config.Dir().Path());
+    Bootstrap boot(".", 4);
+    std::filesystem::current_path(previous);
+
+    EXPECT_EQ(boot.getPort(), 3579u);
+    EXPECT_EQ(boot.getWindowSize(), 120u);
+    EXPECT_EQ(boot.getSampleRate(), 30u);
+    EXPECT_EQ(boot.getHostLifeTime(), 86400u);
+    EXPECT_EQ(boot.getMinCacheSize(), 10u);
+    EXPECT_EQ(boot.getMaxVirtualMem(), 786432u);
+    EXPECT_EQ(boot.getMaxPhysMem(), 262144u);
+    EXPECT_EQ(boot.getMultiProcFactor(), 80u);
+    EXPECT_EQ(boot.getNumProcessors(), 4u);
+    EXPECT_TRUE(boot.getFilter() == "vmstatFilter");
+    EXPECT_TRUE(boot.getProbePath() == "/usr/bin/vmstat -S");
+    EXPECT_TRUE(boot.getPidDirectory() == "/tmp");
+    const auto log = ParseRecords(ReadWhole(ConfigDir::defaultLog(".log")));
+    ASSERT_EQ(log.size(), 1u);
+    EXPECT_EQ(log[0].category, "hostgauge/initialize/error");
+    EXPECT_EQ(log[0].text,
+              "The properties file ./hostspread.properties was not found. The hostgauge has "
+              "been initialized\nusing built-in defaults.\nThe most likely cause is incorrect "
+              "configuration or installation.\nCreate the ./hostspread.properties file or "
+              "reinstall the Corvane Enhancement Module.");
+}
+
+TEST(Bootstrap, FileWithoutKeysReportsEveryKeyInOrder) {
+    ConfigDir config;
+    config.Write({{"unrelated", "x"}});
+    Bootstrap boot(config.Path(), 1);
+    const auto log = ParseRecords(ReadWhole(ConfigDir::defaultLog(".log")));
+    const std::vector<std::string> keys = {
+        "logdirectory",        "logfilter",        "port",
+        "windowsize",          "samplerate",       "hostlifetime",
+        "mincachesize",        "filter",           "probepath",
+        "piddirectory",        "maxvirtualmemory", "maxphysicalmemory",
+        "multiprocessorfactor"};
+    ASSERT_EQ(log.size(), keys.size());
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        EXPECT_EQ(log[i].text.find("The attribute " + prefix + keys[i] + " does not exist"), 0u)
+            << log[i].text;
+    }
+    EXPECT_EQ(log[2].text, "The attribute " + prefix +
+                               "port does not exist in the hostgauge.properties file. The "
+                               "built-in default value 3579 will be used" +
+                               tail);
+    EXPECT_EQ(log[0].text, "The attribute " + prefix +
+                               "logdirectory does not exist in the hostgauge.properties file. "
+                               "The built-in default value /tmp will be used" +
+                               tail);
+    EXPECT_EQ(boot.getMaxPhysMem(), 262144u);
+}
+
+TEST(Bootstrap, BadValuesAreReportedAndReplacedExceptThePidDirectory) {
+    ConfigDir config;
+    auto entries = config.Complete();
+    entries["port"] = "abc";
+    entries["hostlifetime"] = "0";
+    entries["samplerate"] = "1";
+    entries["windowsize"] = "1";
+    entries["probepath"] = "/no/such/tool -x";
+    entries["piddirectory"] = config.Dir() / "missing";
+    entries["maxphysicalmemory"] = "4194305";
+    config.Write(entries);
+    Bootstrap boot(config.Path(), 1);
+
+    EXPECT_EQ(boot.getPort(), 3579u);
+    EXPECT_EQ(boot.getHostLifeTime(), 86400u);
+    EXPECT_EQ(boot.getSampleRate(), 5u);
+    EXPECT_EQ(boot.getWindowSize(), 3u);
+    EXPECT_TRUE(boot.getProbePath() == "/usr/bin/vmstat -S");
+    EXPECT_TRUE(boot.getPidDirectory() == KyUniString(config.Dir() / "missing"));
+    EXPECT_EQ(boot.getMaxVirtualMem(), 1024u);
+    EXPECT_EQ(boot.getMaxPhysMem(), 1024u); // 32-bit wrap of 4194305 * 1024
+    EXPECT_EQ(boot.getMinCacheSize(), 5u);
+    EXPECT_EQ(boot.getMultiProcFactor(), 90u);
+    EXPECT_TRUE(boot.getFilter() == "sarFilter");
+
+    const auto log = config.Log();
+    ASSERT_EQ(log.size(), 4u);
+    EXPECT_EQ(log[0].text, "The attribute " + prefix +
+                               "port has the value 0 which is invalid. The built-in default "
+                               "value 3579 will be used instead" +
+                               tail);
+    EXPECT_NE(log[1].text.find(prefix + "hostlifetime has the value 0"), std::string::npos);
+    EXPECT_EQ(log[2].text, "The path or object /no/such/tool does not exist. Using the "
+                           "built-in default /usr/bin/vmstat -S for the\nattribute " +
+                               prefix +
+                               "probepath. The hostgauge may not function correctly.\nThe "
+                               "most likely cause is incorrect configuration. \nCorrect the "
+                               "configuration in the hostgauge.properties file and restart "
+                               "the hostgauge.");
+    EXPECT_EQ(log[3].text, "The path " + config.Dir() / "missing" +
+                               " does not exist or is not a directory. Using the built-in "
+                               "default /tmp for the attribute " +
+                               prefix +
+                               "piddirectory. The hostgauge may not function correctly.\nThe "
+                               "most likely cause is incorrect configuration. \nCorrect the "
+                               "configuration in the hostgauge.properties file and restart "
+                               "the hostgauge.");
+}
+
+TEST(Bootstrap, LogDirectoryThatIsAFileSendsLogsToTmpAndSaysSoFirst) {
+    ConfigDir config;
+    const std::string plain = config.Dir() / "plain";
+    WriteWhole(plain, "x");
+    auto entries = config.Complete();
+    entries["logdirectory"] = plain;
+    entries.erase("logfilter");
+    entries.erase("port");
+    config.Write(entries);
+    Bootstrap boot(config.Path(), 1);
+
+    const auto log = ParseRecords(ReadWhole(ConfigDir::defaultLog(".log")));
+    ASSERT_EQ(log.size(), 3u);
+    EXPECT_EQ(log[0].text.find("The path " + plain +
+                               " does not exist or is not a directory. Using the built-in "
+                               "default /tmp for the attribute " +
+                               prefix + "logdirectory."),
+              0u);
+    EXPECT_EQ(log[1].text.find("The attribute " + prefix + "logfilter does not exist"), 0u);
+    EXPECT_NE(log[1].text.find("value */*/*:hostgauge%%PID%%_error.log,*/*/*error:"
+                               "hostgauge%%PID%%_error.jsl,*/*/fatalerror:.../_beans/"
+                               "com.kdm.cvn.server.log.ConsoleSink will"),
+              std::string::npos);
+    EXPECT_EQ(log[2].text.find("The attribute " + prefix + "port does not exist"), 0u);
+    EXPECT_FALSE(std::filesystem::exists(plain + "/boot.log"));
+}
+
+TEST(Bootstrap, RateAndWindowRule) {
+    struct Case {
+        unsigned rate, window, wantRate, wantWindow;
+    };
+    const Case cases[] = {{30, 120, 30, 120}, {2, 10, 5, 10}, {5, 2, 5, 3}, {7, 2, 5, 3},
+                          {8, 2, 8, 2},       {1, 1, 5, 3},   {0, 0, 5, 3}, {65536, 65536, 5, 3}};
+    for (Case const& c : cases) {
+        unsigned rate = c.rate;
+        unsigned window = c.window;
+        Bootstrap::checkSampleRateAndWindowSize(rate, window);
+        EXPECT_EQ(rate, c.wantRate) << c.rate << "," << c.window;
+        EXPECT_EQ(window, c.wantWindow) << c.rate << "," << c.window;
+    }
+}
+
+TEST(Bootstrap, SetConfigWritesSettingsBackInTheFileUnits) {
+    ConfigDir config;
+    config.Write(config.Complete());
+    {
+        Bootstrap boot(config.Path(), 1);
+        EXPECT_TRUE(boot.setPort(4321));
+        EXPECT_TRUE(boot.setSampleRateAndWindowSize(2, 10));
+        EXPECT_TRUE(boot.setConfig());
+    }
+    const std::string saved = ReadWhole(config.Dir() / "hostspread.properties");
+    EXPECT_NE(saved.find("\n# Written by hostgauge\n"), std::string::npos);
+    EXPECT_NE(saved.find(prefix + "maxphysicalmemory=2\n"), std::string::npos);
+    Bootstrap again(config.Path(), 1);
+    EXPECT_EQ(again.getPort(), 4321u);
+    EXPECT_EQ(again.getSampleRate(), 5u);
+    EXPECT_EQ(again.getWindowSize(), 10u);
+    EXPECT_EQ(again.getMaxVirtualMem(), 1024u);
+    EXPECT_TRUE(config.Log().empty());
+}
+
+TEST(Bootstrap, EmptyDirectoryLoadsNothingAndSetsUpNoLogging) {
+    bootLogger.reset();
+    Bootstrap boot("", 2);
+    EXPECT_EQ(bootLogger, nullptr);
+    EXPECT_EQ(boot.getPort(), 3579u);
+    EXPECT_EQ(boot.getNumProcessors(), 2u);
+}
+
+} // namespace
