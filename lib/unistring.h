@@ -12,6 +12,8 @@
 #include "lib/codeset/converter.h"
 #include "lib/numbers.h"
 
+// Length, positions and counts are in code units. The inherited Extend, PreAllocate,
+// Data and c_str still count and show bytes.
 class KyUniString : public KyByteBuffer {
 public:
     static constexpr int NotFound = -1;
