@@ -1,0 +1,70 @@
+// The probe's log set-up with its default filter: which messages reach the plain file,
+// the structured file and standard error, and how the files survive SIGHUP handling.
+#include <filesystem>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "probe/bootstrap.h"
+#include "probe/logging.h"
+#include "probe/messages.h"
+#include "tests/lib/logtemp.h"
+
+namespace {
+
+std::string Named(LogTempDir const& dir, std::string const& extension) {
+    return dir / ("hostgauge" + std::to_string(getpid()) + "_error" + extension);
+}
+
+TEST(ProbeLogging, DefaultFilterRoutesByLevel) {
+    LogTempDir dir;
+    Logging logging(KyUniString(dir.Path()), Bootstrap::DEFAULT_LOGFILTER);
+    EXPECT_TRUE(logging.isInitialised());
+    EXPECT_TRUE(std::filesystem::exists(Named(dir, ".jsl"))); // created before any record
+    testing::internal::CaptureStderr();
+    LogNewConnection("10.0.0.1");
+    LogPipeFail(512, 4);
+    LogBindFailed(3579, "in use");
+    const std::string console = testing::internal::GetCapturedStderr();
+
+    const auto plain = ParseRecords(ReadWhole(Named(dir, ".log")));
+    ASSERT_EQ(plain.size(), 3u);
+    EXPECT_EQ(plain[0].category, "hostgauge/listener/info");
+    EXPECT_EQ(plain[2].category, "hostgauge/listener/fatalerror");
+    const std::string jsl = ReadWhole(Named(dir, ".jsl"));
+    EXPECT_EQ(jsl.find("10.0.0.1"), std::string::npos);
+    EXPECT_NE(jsl.find("category=hostgauge/child/error,"), std::string::npos);
+    EXPECT_NE(jsl.find("category=hostgauge/listener/fatalerror,"), std::string::npos);
+    EXPECT_EQ(console.find("errno is 4"), std::string::npos);
+    EXPECT_NE(console.find("Failed to bind to port 3579, reason in use."), std::string::npos);
+}
+
+TEST(ProbeLogging, FilterMatchingNothingWritesNothing) {
+    LogTempDir dir;
+    Logging logging(KyUniString(dir.Path()), "other/*/*:x.log,hostgauge/*/nolevel:y.log");
+    LogStarted();
+    EXPECT_EQ(ReadWhole(dir / "x.log"), "");
+    EXPECT_EQ(ReadWhole(dir / "y.log"), "");
+}
+
+TEST(ProbeLogging, FlushAndReopenStartFreshFilesWhereTheOldOnesWereMovedAway) {
+    LogTempDir dir;
+    Logging logging(KyUniString(dir.Path()), "*/*/*:p.log");
+    LogStarted();
+    std::filesystem::rename(dir / "p.log", dir / "old.log");
+    logging.flushLogs();
+    LogStopped(604);
+    std::filesystem::rename(dir / "p.log", dir / "older.log");
+    logging.reOpenLogs();
+    EXPECT_TRUE(logging.isInitialised());
+    LogExitSignal("SIGTERM");
+    EXPECT_EQ(ParseRecords(ReadWhole(dir / "old.log")).size(), 1u);
+    const auto second = ParseRecords(ReadWhole(dir / "older.log"));
+    ASSERT_EQ(second.size(), 1u);
+    EXPECT_EQ(second[0].text, "Hostgauge stopped - exitcode 604.");
+    const auto third = ParseRecords(ReadWhole(dir / "p.log"));
+    ASSERT_EQ(third.size(), 1u);
+    EXPECT_EQ(third[0].text, "The hostgauge was stopped by signal SIGTERM.");
+}
+
+} // namespace
