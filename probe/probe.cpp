@@ -1,3 +1,53 @@
-// The hostgauge daemon's entry point: reads its configuration, starts measuring load
-// and serving subscriptions, and runs the event loop until a signal ends it.
-int main() { return 0; }
+// The hostgauge daemon's entry point: reads its configuration, rates the CPU, starts the
+// load tool and runs the event loop until a signal ends it. Start-up builds the long-lived
+// objects in a fixed order, each using what the steps before it built.
+#include "lib/eventloop.h"
+#include "lib/process.h"
+#include "lib/unistring.h"
+#include "probe/bogomips.h"
+#include "probe/bootstrap.h"
+#include "probe/cache.h"
+#include "probe/childmanager.h"
+#include "probe/messages.h"
+#include "probe/pidfile.h"
+#include "probe/processexit.h"
+#include "probe/vmstatfilter.h"
+
+namespace {
+
+constexpr int EXIT_UNKNOWN_FILTER = 4;
+
+// Everything that measures load: the rating, the cache, the filter and the tool's manager.
+void buildMeasurement() {
+    myBogomips = new Bogomips(static_cast<int>(myBootstrap->getNumProcessors()),
+                              myBootstrap->getMultiProcFactor());
+    myCache = new Cache(myBootstrap->getMinCacheSize(), myBootstrap->getMaxVirtualMem(),
+                        myBootstrap->getMaxPhysMem());
+    // The load packet responder is built here, before the filter.
+    myFilter = BaseFilter::createFilter(myBootstrap->getFilter(), myBootstrap->getMaxVirtualMem(),
+                                        myBootstrap->getMaxPhysMem());
+    if (myFilter == nullptr) {
+        processExit(EXIT_UNKNOWN_FILTER);
+    }
+    // The host registry is initialised here, on the event loop, before the child manager.
+    myChildManager = new ChildManager(eventloop, myFilter);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    the_current_process = &pr;
+    const KyUniString directory(argc > 1 ? argv[1] : ".");
+    const unsigned int processors = KyUniString(argc > 2 ? argv[2] : "1").AsUint32();
+
+    myBootstrap = new Bootstrap(directory, processors);
+    LogStarted();
+    buildMeasurement();
+    // Rated before the tool starts, so the tool's own load does not disturb the rating.
+    myBogomips->calculate();
+    myChildManager->forkChild();
+    // The control listener starts here on the configured port; when it cannot, main
+    // returns 1 at once, before any pid file exists.
+    myPidFile = new PidFile(myBootstrap->getPidDirectory());
+    processExit(eventloop.EnterEventLoop());
+}

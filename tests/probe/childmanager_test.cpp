@@ -1,0 +1,245 @@
+// Tests of the load-tool child manager: the tool's argument vector, the pipe buffer's
+// growth, the run cycle driven by hand against a scripted tool, the fork retries and the
+// signal handling through the real event loop.
+#include "lib/eventloop.h"
+#include "probe/bogomips.h"
+#include "probe/cache.h"
+#include "probe/childmanager.h"
+#include "probe/vmstatfilter.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+std::vector<std::string> arguments(const ToolCommand& command) {
+    std::vector<std::string> result;
+    for (const char* const* arg = command.argv(); *arg != nullptr; ++arg) {
+        result.emplace_back(*arg);
+    }
+    return result;
+}
+
+TEST(ToolCommandTest, SplitsThePathOnceAtTheFirstSpace) {
+    ToolCommand bare("/usr/bin/vmstat");
+    bare.setIntervalAndCount(5, 11);
+    EXPECT_EQ(arguments(bare), (std::vector<std::string>{"/usr/bin/vmstat", "5", "11"}));
+
+    ToolCommand options("/usr/bin/vmstat -S -x");
+    options.setIntervalAndCount(30, 121);
+    EXPECT_EQ(arguments(options),
+              (std::vector<std::string>{"/usr/bin/vmstat", "-S -x", "30", "121"}));
+    options.setIntervalAndCount(2, 26);
+    EXPECT_EQ(arguments(options),
+              (std::vector<std::string>{"/usr/bin/vmstat", "-S -x", "2", "26"}));
+}
+
+TEST(ToolOutputBufferTest, GrowsBeforeAReadCouldOverflowIt) {
+    ToolOutputBuffer buffer;
+    ASSERT_TRUE(buffer.allocate());
+    std::memset(buffer.writePosition(), 'a', 700);
+    buffer.appended(700);
+    EXPECT_EQ(buffer.spaceLeft(), 324);
+    ASSERT_TRUE(buffer.needsToGrow(700)) << "324 < 700 + 350";
+    ASSERT_TRUE(buffer.grow());
+    EXPECT_EQ(buffer.capacity(), 2048u);
+    EXPECT_EQ(buffer.spaceLeft(), 1348);
+    EXPECT_EQ(buffer.length(), 700);
+    EXPECT_EQ(std::strlen(buffer.text()), 700u) << "the text stays NUL-terminated";
+
+    std::memset(buffer.writePosition(), 'b', static_cast<std::size_t>(buffer.spaceLeft()));
+    buffer.appended(buffer.spaceLeft());
+    EXPECT_EQ(std::strlen(buffer.text()), 2048u) << "a read that fills the block still fits";
+    buffer.clear();
+    EXPECT_EQ(buffer.spaceLeft(), 2048) << "the block never shrinks";
+}
+
+// True when the child died of SIGKILL (or was reaped already), within two seconds.
+bool wasKilled(pid_t pid) {
+    for (int tries = 0; tries < 200; ++tries) {
+        int status = 0;
+        const pid_t reaped = ::waitpid(pid, &status, WNOHANG);
+        if (reaped == -1) {
+            return errno == ECHILD;
+        }
+        if (reaped == pid) {
+            return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+        }
+        ::usleep(10000);
+    }
+    return false;
+}
+
+// Runs a shell script in place of the configured tool, or fails every fork.
+class ScriptedProcess : public KyUnixProcess {
+public:
+    KyStatus Fork(ForkParams& params) override {
+        ++forks;
+        if (failForks) {
+            return Failure;
+        }
+        argv_[2] = script.c_str();
+        params.ExecCommand(argv_);
+        return KyUnixProcess::Fork(params);
+    }
+
+    std::string script = "exit 0";
+    bool failForks = false;
+    int forks = 0;
+
+private:
+    const char* argv_[4] = {"/bin/sh", "-c", nullptr, nullptr};
+};
+
+const std::string kRun = "printf 'h1\\nh2\\n0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 0 1\\n";
+
+std::string runPrinting(int idle) {
+    return kRun + "0 0 0 2048 1024 0 0 3 4 0 0 0 0 0 0 0 0 0 0 1 1 " + std::to_string(idle) +
+           "\\n'";
+}
+
+class ChildManagerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        the_current_process = &process;
+        myCache = &cache;
+        myBogomips = &bogomips;
+    }
+    void TearDown() override {
+        manager.reset();
+        myCache = nullptr;
+        myBogomips = nullptr;
+        the_current_process = nullptr;
+    }
+
+    void start(const std::string& script) {
+        process.script = script;
+        manager = std::make_unique<ChildManager>(loop, &filter);
+        manager->setSampleRateAndWindowSize(5, 10);
+        ASSERT_GT(manager->forkChild(), 0);
+    }
+    // Reads as the loop would until the run is over and the next one started.
+    void finishRun() {
+        const int pid = manager->getChildPid();
+        for (int reads = 0; manager->getChildPid() == pid && reads < 100; ++reads) {
+            manager->readpipeCB(nullptr, KyEvent::Fired);
+        }
+        ASSERT_NE(manager->getChildPid(), pid);
+    }
+
+    ScriptedProcess process;
+    KyEventLoop loop{&process};
+    Cache cache{10, 1u << 30, 1u << 30};
+    VmstatFilter filter{1u << 30, 1u << 30};
+    int ratings = 0;
+    Bogomips bogomips{1, 80, [this](int loops) -> std::clock_t {
+                          ++ratings;
+                          return static_cast<std::clock_t>(loops);
+                      }};
+    std::unique_ptr<ChildManager> manager;
+};
+
+TEST_F(ChildManagerTest, AsksForOneSampleMoreThanTheWindow) {
+    start("exit 0");
+    const char* const* argv = manager->getArguments();
+    EXPECT_STREQ(argv[1], "5");
+    EXPECT_STREQ(argv[2], "11");
+    EXPECT_EQ(argv[3], nullptr);
+    EXPECT_EQ(manager->getSampleRate(), 5u);
+    EXPECT_EQ(manager->getWindowSize(), 10u);
+}
+
+TEST_F(ChildManagerTest, EndsARunAfterTwoEmptyReadsAndStartsTheNext) {
+    start(runPrinting(94));
+    const int ratingsBefore = ratings;
+    finishRun();
+    EXPECT_EQ(cache.getLength(), 1u);
+    EXPECT_EQ(cache.getLastIdle(), 94u);
+    EXPECT_EQ(ratings, ratingsBefore) << "94 is not idle enough to re-rate";
+    EXPECT_EQ(process.forks, 2);
+
+    process.script = runPrinting(95); // for the run after the one now running
+    finishRun();
+    EXPECT_EQ(ratings, ratingsBefore);
+    finishRun();
+    EXPECT_GT(ratings, ratingsBefore) << "95 re-rates the CPU";
+    EXPECT_EQ(cache.getLength(), 3u);
+
+    process.script = "exit 0";
+    finishRun();
+    const int ratingsAfter = ratings;
+    finishRun(); // a run without output reports nothing but still restarts the tool
+    EXPECT_EQ(ratings, ratingsAfter);
+    EXPECT_EQ(cache.getLength(), 4u);
+}
+
+TEST_F(ChildManagerTest, RejectedOutputKillsTheToolAndRestarts) {
+    start("printf 'a\\nb\\nc\\nd\\ne\\nf\\ng\\n'; exec sleep 30");
+    const int first = manager->getChildPid();
+    finishRun();
+    EXPECT_TRUE(wasKilled(first)) << "the rejected run's tool does not linger";
+}
+
+TEST_F(ChildManagerTest, IgnoresTheDeathOfAnotherChild) {
+    start("exec sleep 30");
+    const int pid = manager->getChildPid();
+    manager->deadkidCB(nullptr, {pid + 100000, 0, 9});
+    EXPECT_EQ(manager->getWrongChildCount(), 1u);
+    EXPECT_EQ(manager->getChildPid(), pid);
+    EXPECT_EQ(::kill(pid, 0), 0) << "the current tool keeps running";
+    manager.reset();
+    EXPECT_TRUE(wasKilled(pid)) << "destroying the manager kills the tool";
+}
+
+TEST_F(ChildManagerTest, GivesUpAfterFiveFailedForks) {
+    // Each pause is reported as [attempt:seconds]; the process ends with 11 after the fifth.
+    EXPECT_EXIT(
+        {
+            process.failForks = true;
+            ChildManager failing(loop, &filter);
+            unsigned int pauses = 0;
+            failing.setRetrySleep([&pauses](unsigned int seconds) {
+                std::fprintf(stderr, "[%u:%u]", ++pauses, seconds);
+            });
+            failing.forkChild();
+        },
+        ::testing::ExitedWithCode(11), "\\[5:30\\]$");
+}
+
+TEST_F(ChildManagerTest, SignalsEndTheLoopWithTheirCodes) {
+    manager = std::make_unique<ChildManager>(loop, &filter);
+    struct Raise : KyCallback<KyEvent::cbdispatch> {
+        std::vector<int> signals;
+        void Dispatch(KyEvent::cbdispatch) override {
+            for (int signal : signals) {
+                std::raise(signal);
+            }
+        }
+    } raise;
+    raise.signals = {SIGHUP};
+    loop.AddTimeoutEvent(KyTimeVal(), &raise);
+    struct Stop : KyCallback<KyEvent::cbdispatch> {
+        KyEventLoop* loop;
+        void Dispatch(KyEvent::cbdispatch) override { loop->ExitEventLoop(7); }
+    } stop;
+    stop.loop = &loop;
+    KyTimeVal later;
+    later += KyTimeVal(0, 200000);
+    loop.AddTimeoutEvent(later, &stop);
+    EXPECT_EQ(loop.EnterEventLoop(), 7) << "SIGHUP does not stop the loop";
+
+    for (auto [signal, code] : {std::pair{SIGTERM, 604}, {SIGINT, 603}, {SIGPIPE, 606}}) {
+        raise.signals = {signal};
+        loop.AddTimeoutEvent(KyTimeVal(), &raise);
+        EXPECT_EQ(loop.EnterEventLoop(), code) << signal;
+    }
+}
+
+} // namespace
