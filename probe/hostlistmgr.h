@@ -1,22 +1,58 @@
-// The host registry: the list of subscribed hosts. At the end of every load-tool run the
-// child manager hands it the run's average idle so each host can decide whether its load
-// moved enough for an extra packet.
+// HostListMgr: the registry of subscribed hosts. It adds and removes subscriptions, expires
+// them hourly, forwards each load-tool run's average to every host, and derives the load
+// tool's rate and window and the cache size from the subscriptions. Static members only.
 #pragma once
 
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "lib/event.h"
+#include "lib/time.h"
+#include "lib/unistring.h"
 #include "probe/host.h"
 
-#include <memory>
-#include <vector>
+class KyEventLoop;
 
 class HostListMgr {
 public:
     HostListMgr() = delete;
 
-    using HostList = std::vector<std::unique_ptr<Host>>;
+    using Hosts = std::vector<std::unique_ptr<Host>>;
+    static constexpr unsigned int REGULAR_TIMEOUT_SECONDS = 3600;
+    static constexpr unsigned int MIN_CACHE_ENTRIES = 2;
 
+    // Arms the hourly expiry check; a second call moves the check, it does not add one.
+    static void init(KyEventLoop* loop);
+    // Null for a duplicate id or a host whose name did not resolve.
+    static Host* addHost(const KyUniString& hostname, unsigned int port, unsigned int sampleRateMs,
+                         unsigned int windowSize, unsigned int replyFrequencyMs,
+                         unsigned int percentChange, unsigned int id, const KyUniString& version,
+                         unsigned int statMask);
+    static bool removeHost(unsigned int id);
+    static void regularTimeoutCB(KyCallback<KyEvent::cbdispatch>*, KyEvent::cbdispatch reason);
+    // The expiry check against a given time, without re-arming; returns how many went.
+    static unsigned int expireHosts(const KyTimeVal& now);
     static void percentChangeCheck(unsigned int idle);
-    static HostList& getHostList() { return hostList; }
+    static void setLoadToolParameters();
+
+    // In order of addition.
+    static const Hosts& getHostList() { return registry().HostList; }
+    static Host* findHost(unsigned int id);
+    static KyEventLoop* getEventLoop() { return eventloop; }
 
 private:
-    static HostList hostList; // in order of addition; owns the hosts
+    struct Registry {
+        Hosts HostList;                               // owns the hosts
+        std::unordered_map<unsigned int, Host*> byId; // the same hosts, for lookups by id
+    };
+    // Never destroyed: hosts cancel their timers on the loop, which static destruction
+    // may already have taken down; process exit reclaims them.
+    static Registry& registry();
+    static void armRegularTimer(const KyTimeVal& now);
+
+    static KyEventLoop* eventloop;
+    static KyStaticCallback<KyEvent::cbdispatch> regularTimeoutcb;
+    static KyTimeVal nextCheck;
+    static bool checkArmed;
 };
