@@ -1,0 +1,316 @@
+// Byte circuits over real socket pairs driven by the real event loop: partial writes
+// that stay queued, orderly stop after queued data, aborts, end of file inside a read,
+// descriptor passing both ways, and peers or descriptors that go away mid-flight.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "lib/bytecircuit.h"
+#include "lib/eventloop.h"
+#include "lib/process.h"
+
+namespace {
+
+struct Call : KyCallback<KyEvent::cbdispatch> {
+    explicit Call(std::function<void(int)> f) : run(std::move(f)) {}
+    void Dispatch(int reason) override { run(reason); }
+    std::function<void(int)> run;
+};
+
+// Records every notice; by default reads whatever arrives into `received`.
+class Circuit : public KyByteCircuit {
+public:
+    Circuit(KyEventLoop& loop, int fd) : KyByteCircuit(loop), file(fd) {
+        file.SetBlocking(false);
+        input_ = &file;
+        output_ = &file;
+    }
+    void ReadAvail(KyByteBuffer& incoming) override {
+        if (incoming.Length() > 0) {
+            taken.push_back(TakeIncoming());
+            received += std::string(taken.back().AsStringView());
+        }
+        if (onData)
+            onData();
+        ReadMore(chunk);
+    }
+    void EndOfFile(bool inMiddle) override {
+        endOfFile.push_back(inMiddle);
+        KyByteCircuit::EndOfFile(inMiddle);
+        if (onEnd)
+            onEnd();
+    }
+    void WriteError() override {
+        ++writeErrors;
+        KyByteCircuit::WriteError();
+    }
+    void WriteMore(unsigned written) override { writeCounts.push_back(written); }
+    void WriteStopped() override { ++stopped; }
+    void FileDescriptorAvail(const KyFile::RecvFDInfo& info) override {
+        descriptors.push_back(info.fd);
+    }
+
+    KyFile file;
+    unsigned chunk = 4096;
+    std::string received;
+    std::vector<KyByteBuffer> taken;
+    std::vector<bool> endOfFile;
+    std::vector<unsigned> writeCounts;
+    std::vector<int> descriptors;
+    int stopped = 0;
+    int writeErrors = 0;
+    std::function<void()> onData;
+    std::function<void()> onEnd;
+};
+
+class ByteCircuitTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        the_current_process = &process;
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fd), 0);
+    }
+    void TearDown() override {
+        for (int f : fd)
+            if (f >= 0)
+                close(f);
+    }
+    // Runs the loop until a callback ends it; a regression ends it after two seconds.
+    int Run() {
+        KyTimeVal limit = KyTimeVal() + KyTimeVal(2, 0);
+        loop.AddTimeoutEvent(limit, &guard);
+        const int code = loop.EnterEventLoop();
+        loop.RemoveTimeoutEvent(limit, &guard);
+        return code;
+    }
+    void Stop() { loop.ExitEventLoop(0); }
+
+    KyUnixProcess process;
+    KyEventLoop loop{&process};
+    Call guard{[this](int reason) {
+        if (reason == KyEvent::Fired)
+            loop.ExitEventLoop(99);
+    }};
+    int fd[2] = {-1, -1};
+};
+
+TEST_F(ByteCircuitTest, PartialWriteStaysQueuedAndWriteMoreHearsEveryCount) {
+    int small = 4096;
+    setsockopt(fd[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    Circuit writer(loop, fd[0]);
+    Circuit reader(loop, fd[1]);
+    std::string payload(1 << 20, '\0');
+    for (std::size_t i = 0; i < payload.size(); ++i)
+        payload[i] = static_cast<char>(i * 7 + i / 251);
+
+    writer.Write(KyByteBuffer(std::string_view(payload)), true);
+    ASSERT_EQ(writer.writeCounts.size(), 1u);
+    EXPECT_LT(writer.writeCounts[0], payload.size());
+    EXPECT_EQ(writer.QueueLength(), 1u);
+    EXPECT_TRUE(writer.WriteRegistered());
+    EXPECT_EQ(writer.GetStatistics().Queued().at(0).bytes, payload.size() - writer.writeCounts[0]);
+
+    reader.onData = [&] {
+        if (reader.received.size() == payload.size())
+            Stop();
+    };
+    reader.WantRead();
+    EXPECT_EQ(Run(), 0);
+    EXPECT_TRUE(reader.received == payload);
+    unsigned total = 0;
+    for (unsigned count : writer.writeCounts) {
+        EXPECT_GT(count, 0u);
+        total += count;
+    }
+    EXPECT_EQ(total, payload.size());
+    EXPECT_GT(writer.writeCounts.size(), 2u);
+    EXPECT_EQ(writer.QueueLength(), 0u);
+    EXPECT_FALSE(writer.WriteRegistered());
+}
+
+TEST_F(ByteCircuitTest, StopAfterTwoWritesDeliversBothThenClosesOnce) {
+    Circuit writer(loop, fd[0]);
+    Circuit reader(loop, fd[1]);
+    writer.Write(KyByteBuffer(), false);
+    EXPECT_EQ(writer.QueueLength(), 0u);
+    EXPECT_FALSE(writer.WriteRegistered());
+
+    writer.Write(KyByteBuffer(std::string_view("first,")), false);
+    writer.Write(KyByteBuffer(std::string_view("second")), false);
+    writer.StopWrite(false);
+    EXPECT_EQ(writer.QueueLength(), 3u);
+    EXPECT_EQ(writer.GetStatistics().Queued().back().type, KyByteCircuit::Message::Stop);
+    // The last read falls short of the chunk asked for; end of file hands it over.
+    reader.onEnd = [&] {
+        reader.received += std::string(reader.TakeIncoming().AsStringView());
+        Stop();
+    };
+    reader.WantRead();
+    EXPECT_EQ(Run(), 0);
+    fd[0] = -1; // closed by the stop message
+    EXPECT_EQ(reader.received, "first,second");
+    EXPECT_EQ(writer.stopped, 1);
+    EXPECT_EQ(writer.file.FileDescriptor(), -1);
+    EXPECT_EQ(writer.writeCounts, (std::vector<unsigned>{6, 6}));
+    EXPECT_FALSE(writer.WriteRegistered());
+    EXPECT_EQ(reader.endOfFile, std::vector<bool>{true});
+    EXPECT_EQ(reader.ReadInterest(), 0u);
+}
+
+TEST_F(ByteCircuitTest, AbortDiscardsQueuedDataUnwritten) {
+    Circuit writer(loop, fd[0]);
+    writer.Write(KyByteBuffer(std::string_view("never")), false);
+    EXPECT_TRUE(writer.WriteRegistered());
+    writer.StopWrite(true);
+    EXPECT_EQ(writer.QueueLength(), 0u);
+    EXPECT_FALSE(writer.WriteRegistered());
+    EXPECT_EQ(loop.PollCount(), 0u);
+    char byte;
+    EXPECT_EQ(recv(fd[1], &byte, 1, MSG_DONTWAIT), -1);
+}
+
+TEST_F(ByteCircuitTest, ReadInterestIsCountedAndRegisteredOnce) {
+    Circuit reader(loop, fd[1]);
+    EXPECT_EQ(reader.WantRead(), 1u);
+    EXPECT_EQ(reader.WantRead(), 2u);
+    EXPECT_EQ(loop.PollCount(), 1u);
+    EXPECT_EQ(reader.StopRead(), 1u);
+    EXPECT_EQ(loop.PollCount(), 1u);
+    EXPECT_EQ(reader.StopRead(), 0u);
+    EXPECT_EQ(loop.PollCount(), 0u);
+    EXPECT_EQ(reader.StopRead(), 0u);
+}
+
+TEST_F(ByteCircuitTest, EndOfFileInsideARequestedReadSaysSo) {
+    Circuit reader(loop, fd[1]);
+    reader.chunk = 0;
+    // Asks for exactly ten bytes once the first readiness arrives.
+    reader.onData = [&] {
+        if (reader.Wanted() == 0 && reader.received.empty())
+            reader.ReadMore(10);
+    };
+    reader.onEnd = [&] { Stop(); };
+    ASSERT_EQ(write(fd[0], "12345", 5), 5);
+    close(fd[0]);
+    fd[0] = -1;
+    reader.WantRead();
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(reader.endOfFile, std::vector<bool>{true});
+    EXPECT_EQ(reader.GetStatistics().Incoming().bytes, 5u);
+    EXPECT_EQ(reader.Wanted(), 5u);
+    EXPECT_EQ(std::string(reader.TakeIncoming().AsStringView()), "12345");
+    EXPECT_EQ(reader.Wanted(), 0u);
+    EXPECT_EQ(reader.GetStatistics().Incoming().bytes, 0u);
+    EXPECT_EQ(reader.ReadInterest(), 0u);
+}
+
+TEST_F(ByteCircuitTest, TakenBuffersSurviveLaterReads) {
+    Circuit reader(loop, fd[1]);
+    reader.chunk = 4;
+    reader.onData = [&] {
+        if (reader.received.size() == 12)
+            Stop();
+    };
+    ASSERT_EQ(write(fd[0], "abcdefghijkl", 12), 12);
+    reader.WantRead();
+    EXPECT_EQ(Run(), 0);
+    std::vector<std::string> pieces;
+    for (const KyByteBuffer& piece : reader.taken)
+        pieces.emplace_back(piece.AsStringView());
+    EXPECT_EQ(pieces, (std::vector<std::string>{"abcd", "efgh", "ijkl"}));
+}
+
+TEST_F(ByteCircuitTest, DescriptorsPassBothWaysAndDataFollows) {
+    Circuit a(loop, fd[0]);
+    Circuit b(loop, fd[1]);
+    int pipeA[2], pipeB[2];
+    ASSERT_EQ(pipe(pipeA), 0);
+    ASSERT_EQ(pipe(pipeB), 0);
+
+    EXPECT_TRUE(a.SendFileDescriptor(pipeA[0], false));
+    a.Write(KyByteBuffer(std::string_view("after")), true);
+    EXPECT_EQ(a.QueueLength(), 0u);
+    b.chunk = 5;
+    b.ReceiveFileDescriptor();
+    b.onData = [&] {
+        if (b.received == "after")
+            Stop();
+    };
+    b.WantRead();
+    EXPECT_EQ(Run(), 0);
+    ASSERT_EQ(b.descriptors.size(), 1u);
+    char got = 0;
+    ASSERT_EQ(write(pipeA[1], "x", 1), 1);
+    EXPECT_EQ(read(b.descriptors[0], &got, 1), 1);
+    EXPECT_EQ(got, 'x');
+
+    // The other way, with the sender's copy closed once it has gone.
+    b.SendFileDescriptor(pipeB[1], true);
+    EXPECT_EQ(fcntl(pipeB[1], F_GETFD), -1);
+    a.ReceiveFileDescriptor();
+    a.WantRead();
+    Call stopper{[&](int reason) {
+        if (reason == KyEvent::Fired)
+            Stop();
+    }};
+    loop.AddTimeoutEvent(KyTimeVal() + KyTimeVal(0, 100000), &stopper);
+    EXPECT_EQ(Run(), 0);
+    ASSERT_EQ(a.descriptors.size(), 1u);
+    ASSERT_EQ(write(a.descriptors[0], "y", 1), 1);
+    EXPECT_EQ(read(pipeB[0], &got, 1), 1);
+    EXPECT_EQ(got, 'y');
+    for (int f : {pipeA[0], pipeA[1], pipeB[0], b.descriptors[0], a.descriptors[0]})
+        close(f);
+}
+
+TEST_F(ByteCircuitTest, PeerResetDuringQueuedWriteAbortsTheWriteSide) {
+    std::signal(SIGPIPE, SIG_IGN);
+    int small = 4096;
+    setsockopt(fd[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    Circuit writer(loop, fd[0]);
+    writer.Write(KyByteBuffer(std::string(1 << 20, 'z')), true);
+    ASSERT_EQ(writer.QueueLength(), 1u);
+    close(fd[1]);
+    fd[1] = -1;
+    KyTimeVal soon = KyTimeVal() + KyTimeVal(0, 200000);
+    Call stopper{[&](int reason) {
+        if (reason == KyEvent::Fired)
+            Stop();
+    }};
+    loop.AddTimeoutEvent(soon, &stopper);
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(writer.writeErrors, 1);
+    EXPECT_EQ(writer.QueueLength(), 0u);
+    EXPECT_FALSE(writer.WriteRegistered());
+    EXPECT_EQ(loop.PollCount(), 0u);
+}
+
+TEST_F(ByteCircuitTest, DescriptorClosedWhileRegisteredIsDroppedByTheLoop) {
+    // Capture first: its files would otherwise reuse the closed descriptor's number.
+    testing::internal::CaptureStderr();
+    auto reader = std::make_unique<Circuit>(loop, fd[1]);
+    reader->WantRead();
+    close(fd[1]);
+    fd[1] = -1;
+    KyTimeVal soon = KyTimeVal() + KyTimeVal(0, 50000);
+    Call stopper{[&](int reason) {
+        if (reason == KyEvent::Fired)
+            Stop();
+    }};
+    loop.AddTimeoutEvent(soon, &stopper);
+    EXPECT_EQ(Run(), 0);
+    const std::string notice = testing::internal::GetCapturedStderr();
+    EXPECT_NE(notice.find("bad read file descriptor"), std::string::npos);
+    EXPECT_EQ(loop.PollCount(), 0u);
+    reader.reset();
+    EXPECT_EQ(loop.PollCount(), 0u);
+}
+
+} // namespace
