@@ -99,7 +99,7 @@ KyStatus ForEachLine(const std::string& path, OnLine&& onLine, KyUnixError& fail
             if (!skipping)
                 onLine(rest);
             skipping = true;
-            rest = {};
+            rest.remove_prefix(rest.size());
         }
         std::memmove(buffer, rest.data(), rest.size());
         used = rest.size();

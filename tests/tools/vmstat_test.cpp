@@ -154,7 +154,7 @@ protected:
         Tool tool({"-S", "-P", (dir_ / "one").string()});
         tool.ReadLine(), tool.ReadLine();
         auto cols = Columns(tool.ReadLine());
-        EXPECT_EQ(tool.Wait(), 0);
+        EXPECT_EQ(tool.Wait(), 0) << tool.ReadAll(true);
         return cols;
     }
 
