@@ -88,18 +88,6 @@ TEST(DList, RemovingEveryElementWhileWalking) {
     EXPECT_EQ(Walk(list), (std::vector<int>{42}));
 }
 
-TEST(DList, AssignmentCopiesIndependently) {
-    KyDList<int> first;
-    first.Insert(1);
-    first.Insert(2);
-    KyDList<int> second;
-    second = first;
-    second.Remove(std::size_t{0});
-    second.Insert(3);
-    EXPECT_EQ(Walk(first), (std::vector<int>{1, 2}));
-    EXPECT_EQ(Walk(second), (std::vector<int>{2, 3}));
-}
-
 struct Counted {
     explicit Counted(int& live) : live_(live) { ++live_; }
     ~Counted() { --live_; }

@@ -120,16 +120,6 @@ TEST(File, ReadResultsOnAPipe) {
     EXPECT_EQ(in.LastError().Arguments().AsUtf8(), std::to_string(pair[0]) + ",F_GETFL");
 }
 
-TEST(File, CloseOnExecFlag) {
-    KyFile file;
-    ASSERT_EQ(file.Open("/dev/null", O_RDONLY), Success);
-    ASSERT_EQ(KyFile::SetCloseOnExec(file.FileDescriptor(), true), Success);
-    EXPECT_NE(::fcntl(file.FileDescriptor(), F_GETFD) & FD_CLOEXEC, 0);
-    ASSERT_EQ(file.SetCloseOnExec(false), Success);
-    EXPECT_EQ(::fcntl(file.FileDescriptor(), F_GETFD) & FD_CLOEXEC, 0);
-    EXPECT_EQ(KyFile::SetCloseOnExec(-1, true), Failure);
-}
-
 TEST_F(TempDir, OpenErrorTextNamesPathFlagsAndMode) {
     KyFile file;
     const std::string missing = Path("missing");
@@ -222,17 +212,6 @@ TEST(File, DescriptorPassingOverASocketPair) {
     ::close(sockets[0]);
     EXPECT_EQ(receiver.RecvFD(info), ioEndOfFile);
     ::close(sockets[1]);
-}
-
-TEST(ErrorBanners, WrittenToStandardErrorBeforeTheDescription) {
-    ::testing::internal::CaptureStderr();
-    KyWriteError("disk on fire\n");
-    KyWriteFatalError("out of luck\n");
-    const std::string output = ::testing::internal::GetCapturedStderr();
-    EXPECT_EQ(output.rfind("\nKeldmoor Vantorel(5.40.966) ERROR:\ndisk on fire\n", 0), 0u);
-    const auto fatal = output.find("\nKeldmoor Vantorel(5.40.966) FATAL ERROR: \n");
-    ASSERT_NE(fatal, std::string::npos);
-    EXPECT_TRUE(output.ends_with("establish the cause.\nout of luck\n")) << output;
 }
 
 } // namespace

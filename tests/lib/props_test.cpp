@@ -134,9 +134,4 @@ TEST_F(Props, SaveWritesHeaderEscapedValuesAndReadsBack) {
     EXPECT_EQ(props_.Save((dir_ + "/no/such/dir").c_str(), ""), Failure);
 }
 
-TEST(ConfigurationError, Reason) {
-    KyConfigurationError error("not a number", "port", "a,b");
-    EXPECT_EQ(error.Reason(), "Key port gave list a,b: Failure: not a number");
-}
-
 } // namespace
