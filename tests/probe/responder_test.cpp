@@ -1,0 +1,72 @@
+// The load datagram: its text byte for byte, what a real UDP receiver gets, and the
+// failure report when the network stack refuses the datagram.
+#include <ctime>
+
+#include <gtest/gtest.h>
+
+#include "probe/cache.h"
+#include "probe/host.h"
+#include "probe/responder.h"
+#include "tests/probe/subscription_world.h"
+
+namespace {
+
+std::string packetText(unsigned mask, StatsPacket const& packet, unsigned id = 7,
+                       std::uint32_t seqno = 1100000000) {
+    KyOSStream text;
+    Responder::buildLoadPacket(text, id, seqno, packet, mask);
+    return text.Str().AsUtf8();
+}
+
+TEST(ResponderText, EveryItemEndsInOneBlankAndMemoryMaximaAreInMb) {
+    SubscriptionWorld world; // configured maxima 2048 Mb virtual, 1024 Mb physical
+    const StatsPacket packet(87, 512, 128, 0, 0);
+    EXPECT_EQ(packetText(Host::CPU | Host::VMEM, packet),
+              "<?xml version=\"1.0\"?><cvnlbdata><id>7</id><seqno>1100000000</seqno><stats>"
+              "cpu=87 vmem=512 vmax=2048 pmem=128 pmax=1024 sin=0 sout=0 </stats></cvnlbdata>");
+    EXPECT_EQ(packetText(0, packet), "<?xml version=\"1.0\"?><cvnlbdata><id>7</id><seqno>"
+                                     "1100000000</seqno><stats></stats></cvnlbdata>");
+    EXPECT_EQ(packetText(Host::BOGO, packet, 4294967295u, 0),
+              "<?xml version=\"1.0\"?><cvnlbdata><id>4294967295</id><seqno>0</seqno><stats>"
+              "bogo=4312 </stats></cvnlbdata>");
+    EXPECT_EQ(packetText(Host::CPU | Host::BOGO | Host::VMEM, StatsPacket(3, 4, 5, 6, 7)),
+              "<?xml version=\"1.0\"?><cvnlbdata><id>7</id><seqno>1100000000</seqno><stats>"
+              "cpu=3 bogo=4312 vmem=4 vmax=2048 pmem=5 pmax=1024 sin=6 sout=7 </stats>"
+              "</cvnlbdata>");
+}
+
+TEST(ResponderSend, DatagramArrivesWithTheClockAsSequenceNumber) {
+    SubscriptionWorld world;
+    UdpReceiver receiver;
+    StatsPacket packet(91, 700, 300, 1, 2);
+    const auto before = static_cast<std::uint32_t>(std::time(nullptr));
+    // Timestamp and version arguments play no part in the text.
+    ASSERT_EQ(myResponder->sendLoadPacket(12345, KyUniString("9.9"), 42, &packet,
+                                          Host::CPU | Host::VMEM, receiver.Address(),
+                                          KyUniString("loopback")),
+              Success);
+    const auto after = static_cast<std::uint32_t>(std::time(nullptr));
+    const auto received = receiver.Receive();
+    ASSERT_TRUE(received.has_value());
+    const unsigned mask = Host::CPU | Host::VMEM;
+    EXPECT_TRUE(*received == packetText(mask, packet, 42, before) ||
+                *received == packetText(mask, packet, 42, after))
+        << *received;
+    EXPECT_TRUE(world.Logged(*received + "\nsent to 127.0.0.1:" + std::to_string(receiver.Port())));
+}
+
+TEST(ResponderSend, RefusedDatagramIsReportedWithReasonWordAndErrno) {
+    SubscriptionWorld world;
+    KyInetAddr broadcast(255, 255, 255, 255);
+    broadcast.Port(9);
+    StatsPacket packet(50, 1, 1, 0, 0);
+    // Broadcast without SO_BROADCAST: sendto fails with EACCES.
+    EXPECT_EQ(myResponder->sendLoadPacket(0, KyUniString("1.0"), 3, &packet, Host::CPU, broadcast,
+                                          KyUniString("everyone")),
+              Failure);
+    EXPECT_TRUE(
+        world.Logged("Failed to send packet\n<?xml version=\"1.0\"?><cvnlbdata><id>3</id>"));
+    EXPECT_TRUE(world.Logged("\nto address 255.255.255.255:9. Error was ioError, errno was 13."));
+}
+
+} // namespace
