@@ -22,19 +22,20 @@
 #include "probe/responder.h"
 #include "tests/lib/logtemp.h"
 
+using Settings = std::map<std::string, std::string>;
+
 // Owns the probe objects for one test and tears the registry down after it.
 class SubscriptionWorld {
 public:
     // 4 processors timed at 1992099 us for 2^30 turns rate 4312, a recognisable figure.
     static constexpr int BOGO = 4312;
 
-    explicit SubscriptionWorld(std::map<std::string, std::string> overrides = {}) {
-        std::map<std::string, std::string> settings = {
-            {"logdirectory", dir_.Path()}, {"logfilter", "*/*/*:probe.log"},
-            {"piddirectory", dir_.Path()}, {"probepath", "/bin/sh -c true"},
-            {"samplerate", "5"},           {"windowsize", "10"},
-            {"hostlifetime", "100"},       {"mincachesize", "1"},
-            {"maxvirtualmemory", "2048"},  {"maxphysicalmemory", "1024"}};
+    explicit SubscriptionWorld(Settings const& overrides = {}) {
+        Settings settings = {{"logdirectory", dir_.Path()}, {"logfilter", "*/*/*:probe.log"},
+                             {"piddirectory", dir_.Path()}, {"probepath", "/bin/sh -c true"},
+                             {"samplerate", "5"},           {"windowsize", "10"},
+                             {"hostlifetime", "100"},       {"mincachesize", "1"},
+                             {"maxvirtualmemory", "2048"},  {"maxphysicalmemory", "1024"}};
         for (auto const& [key, value] : overrides) {
             settings[key] = value;
         }
