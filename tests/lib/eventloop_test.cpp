@@ -1,0 +1,191 @@
+// The event loop with real descriptors, timeouts and signals: ordering of timeouts,
+// withdrawal, dispatch while registrations change, bad descriptors and leaving.
+#include "lib/eventloop.h"
+
+#include <csignal>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+struct Call : KyCallback<KyEvent::cbdispatch> {
+    explicit Call(std::function<void(int)> f) : run(std::move(f)) {}
+    void Dispatch(int reason) override { run(reason); }
+    std::function<void(int)> run;
+};
+
+KyTimeVal In(std::uint32_t micros) {
+    return KyTimeVal() + KyTimeVal(0, micros);
+}
+
+struct SocketPair {
+    SocketPair() { socketpair(AF_UNIX, SOCK_STREAM, 0, fd); }
+    ~SocketPair() {
+        for (int f : fd)
+            if (f >= 0)
+                close(f);
+    }
+    int fd[2] = {-1, -1};
+};
+
+class EventLoopTest : public ::testing::Test {
+protected:
+    // A process object of its own, so signal registrations die with the test.
+    void SetUp() override { the_current_process = &process; }
+    // Ends a loop that would otherwise hang on a regression.
+    void Guard(int seconds = 2) { loop.AddTimeoutEvent(In(seconds * 1000000u), &guard); }
+    KyUnixProcess process;
+    KyEventLoop loop{&process};
+    Call guard{[this](int reason) {
+        if (reason == KyEvent::Fired)
+            loop.ExitEventLoop(99);
+    }};
+};
+
+TEST_F(EventLoopTest, TimeoutsFireEarliestFirstAndOnePerPass) {
+    std::vector<std::string> fired;
+    std::vector<std::size_t> pendingWhenFired;
+    Call a{[&](int) { fired.push_back("a"), pendingWhenFired.push_back(loop.TimeoutCount()); }};
+    Call b{[&](int) { fired.push_back("b"), pendingWhenFired.push_back(loop.TimeoutCount()); }};
+    Call c{[&](int) { fired.push_back("c"), loop.ExitEventLoop(0); }};
+    KyTimeVal past(1, 0); // long due: waits 0 ms
+    loop.AddTimeoutEvent(In(30000), &c);
+    loop.AddTimeoutEvent(past, &a);
+    loop.AddTimeoutEvent(past, &b);
+    Guard();
+
+    EXPECT_EQ(loop.EnterEventLoop(), 0);
+    ASSERT_EQ(fired.size(), 3u);
+    EXPECT_EQ(fired[2], "c");
+    // Two timeouts due together still fire in two passes: the second waits its turn.
+    EXPECT_EQ(pendingWhenFired, (std::vector<std::size_t>{3, 2}));
+}
+
+TEST_F(EventLoopTest, RemoveTimeoutNeedsExactTimeAndCallback) {
+    std::vector<int> reasons;
+    Call owner{[&](int reason) { reasons.push_back(reason); }};
+    Call other{[](int) {}};
+    KyTimeVal when(2000000000, 500);
+    loop.AddTimeoutEvent(when, &owner);
+
+    EXPECT_EQ(loop.RemoveTimeoutEvent(KyTimeVal(2000000000, 501), &owner), Failure);
+    EXPECT_EQ(loop.RemoveTimeoutEvent(KyTimeVal(2000000000, 499), &owner), Failure);
+    EXPECT_EQ(loop.RemoveTimeoutEvent(when, &other), Failure);
+    EXPECT_TRUE(reasons.empty());
+    EXPECT_EQ(loop.RemoveTimeoutEvent(when, &owner), True);
+    EXPECT_EQ(reasons, std::vector<int>{KyEvent::Withdrawn});
+    EXPECT_EQ(loop.TimeoutCount(), 0u);
+    EXPECT_EQ(loop.RemoveTimeoutEvent(when, &owner), Failure);
+}
+
+TEST_F(EventLoopTest, CallbackChangesRegistrationsDuringDispatch) {
+    SocketPair first, second;
+    ASSERT_EQ(write(first.fd[1], "x", 1), 1);
+    ASSERT_EQ(write(second.fd[1], "y", 1), 1);
+    int writes = 0, secondReads = 0, firstReads = 0;
+    Call onWrite{[&](int) { ++writes; }};
+    Call onSecond{[&](int) { ++secondReads; }};
+    // Reading the first descriptor withdraws its own write and the whole second entry.
+    Call onFirst{[&](int) {
+        ++firstReads;
+        loop.RemoveFileEvent(first.fd[0], false, true, nullptr);
+        loop.RemoveFileEvent(second.fd[0], true, false, nullptr);
+        loop.RemoveFileEvent(first.fd[0], true, false, nullptr);
+        loop.ExitEventLoop(5);
+    }};
+    loop.AddFileEvent(first.fd[0], true, true, &onFirst);
+    loop.AddFileEvent(first.fd[0], false, true, &onWrite); // replaces the write event
+    loop.AddFileEvent(second.fd[0], true, false, &onSecond);
+    EXPECT_EQ(loop.PollCount(), 2u);
+    Guard();
+
+    EXPECT_EQ(loop.EnterEventLoop(), 5);
+    EXPECT_EQ(firstReads, 1);
+    EXPECT_EQ(writes, 0);
+    EXPECT_EQ(secondReads, 0);
+    EXPECT_EQ(loop.PollCount(), 0u);
+    EXPECT_EQ(loop.RemoveFileEvent(first.fd[0], true, true, nullptr), False);
+}
+
+TEST_F(EventLoopTest, ReadAndWriteBothDispatchedInOnePass) {
+    SocketPair pair;
+    ASSERT_EQ(write(pair.fd[1], "x", 1), 1);
+    std::vector<std::string> order;
+    Call onRead{[&](int) { order.push_back("read"); }};
+    Call onWrite{[&](int) {
+        order.push_back("write");
+        loop.RemoveFileEvent(pair.fd[0], true, true, nullptr);
+        loop.ExitEventLoop(0);
+    }};
+    loop.AddFileEvent(pair.fd[0], true, false, &onRead);
+    loop.AddFileEvent(pair.fd[0], false, true, &onWrite);
+    Guard();
+    EXPECT_EQ(loop.EnterEventLoop(), 0);
+    EXPECT_EQ(order, (std::vector<std::string>{"read", "write"}));
+}
+
+TEST_F(EventLoopTest, ExitTakesEffectAfterTheCallbackReturns) {
+    loop.ExitEventLoop(8); // overridden by entering
+    bool finished = false;
+    Call leave{[&](int) {
+        loop.ExitEventLoop(3);
+        EXPECT_EQ(loop.ShouldContinue(), False);
+        finished = true;
+    }};
+    Call never{[&](int) { ADD_FAILURE() << "loop ran on after ExitEventLoop"; }};
+    loop.AddTimeoutEvent(KyTimeVal(1, 0), &leave);
+    loop.AddTimeoutEvent(KyTimeVal(2, 0), &never);
+    EXPECT_EQ(loop.EnterEventLoop(), 3);
+    EXPECT_TRUE(finished);
+    EXPECT_EQ(loop.TimeoutCount(), 1u);
+}
+
+TEST_F(EventLoopTest, ClosedDescriptorIsReportedAndUnregistered) {
+    // Captured first: the capture file must not take over the number closed below.
+    testing::internal::CaptureStderr();
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    Call cb{[](int) {}};
+    loop.AddFileEvent(fds[0], true, true, &cb);
+    close(fds[0]);
+    close(fds[1]);
+    Call leave{[&](int) { loop.ExitEventLoop(0); }};
+    loop.AddTimeoutEvent(In(20000), &leave);
+
+    EXPECT_EQ(loop.EnterEventLoop(), 0);
+    std::string err = testing::internal::GetCapturedStderr();
+    std::string pid = std::to_string(getpid());
+    EXPECT_NE(err.find("\nVTL legacy event loopPID=" + pid +
+                       " SEVERE INTERNAL ERROR\nThe eventloop "
+                       "has bad write file descriptor " +
+                       std::to_string(fds[0]) + " - this software will not function correctly.\n"),
+              std::string::npos);
+    EXPECT_NE(err.find("bad read file descriptor " + std::to_string(fds[0])), std::string::npos);
+    EXPECT_EQ(loop.PollCount(), 0u);
+}
+
+TEST_F(EventLoopTest, SignalsGoBeforeReadyDescriptors) {
+    SocketPair pair;
+    std::vector<std::string> order;
+    Call onSignal{[&](int) { order.push_back("signal"); }};
+    Call onRead{[&](int) {
+        order.push_back("read");
+        loop.ExitEventLoop(0);
+    }};
+    Call trigger{[&](int) {
+        ASSERT_EQ(write(pair.fd[1], "x", 1), 1);
+        raise(SIGUSR1);
+    }};
+    ASSERT_EQ(process.CatchSignal(SIGUSR1, &onSignal), Success);
+    loop.AddFileEvent(pair.fd[0], true, false, &onRead);
+    loop.AddTimeoutEvent(KyTimeVal(1, 0), &trigger);
+    Guard();
+    EXPECT_EQ(loop.EnterEventLoop(), 0);
+    EXPECT_EQ(order, (std::vector<std::string>{"signal", "read"}));
+}
+
+} // namespace

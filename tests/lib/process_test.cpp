@@ -1,0 +1,255 @@
+// KyUnixProcess against real children, pipes and signals: exit reports, reaping,
+// exec failure in the child, signal dispatch order, and identity switches (as root).
+#include "lib/eventloop.h"
+
+#include <csignal>
+#include <functional>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Info = KyUnixProcess::child_info;
+
+template <typename A>
+struct Call : KyCallback<A> {
+    explicit Call(std::function<void(A)> f) : run(std::move(f)) {}
+    void Dispatch(A arg) override { run(arg); }
+    std::function<void(A)> run;
+};
+
+class ProcessTest : public ::testing::Test {
+protected:
+    // Children may end before the loop runs; their signals must not be dropped.
+    void SetUp() override {
+        the_current_process = &process;
+        process.StartSignals();
+    }
+    void TearDown() override { process.StopSignals(); }
+
+    // Forks a child that runs body and exits with what it returns.
+    pid_t Spawn(KyCallback<Info>* callback, const std::function<int()>& body) {
+        KyUnixProcess::ForkParams params;
+        params.SetCallback(callback);
+        if (process.Fork(params) != Success)
+            return -1;
+        if (params.ChildPid() == 0)
+            _exit(body());
+        return params.ChildPid();
+    }
+
+    // Runs the loop until a callback ends it; a 2 s guard turns a hang into code 99.
+    int Run() {
+        Call<int> guard{[this](int reason) {
+            if (reason == KyEvent::Fired)
+                loop.ExitEventLoop(99);
+        }};
+        KyTimeVal limit = KyTimeVal() + KyTimeVal(2, 0);
+        loop.AddTimeoutEvent(limit, &guard);
+        int code = loop.EnterEventLoop();
+        loop.RemoveTimeoutEvent(limit, &guard);
+        return code;
+    }
+
+    KyUnixProcess process;
+    KyEventLoop loop{&process};
+};
+
+TEST_F(ProcessTest, ChildExitReportsCodeOrSignal) {
+    std::vector<Info> exits;
+    Call<Info> onExit{[&](Info info) {
+        exits.push_back(info);
+        if (exits.size() == 2)
+            loop.ExitEventLoop(0);
+    }};
+    pid_t exited = Spawn(&onExit, [] { return 3; });
+    pid_t killed = Spawn(&onExit, [] { return pause(), 0; });
+    ASSERT_GT(exited, 0);
+    ASSERT_GT(killed, 0);
+    EXPECT_EQ(process.Children().size(), 2u);
+    kill(killed, SIGKILL);
+
+    ASSERT_EQ(Run(), 0);
+    ASSERT_EQ(exits.size(), 2u);
+    for (const Info& info : exits) {
+        bool normal = info.pid == exited;
+        EXPECT_EQ(info.pid, normal ? exited : killed);
+        EXPECT_EQ(info.code, normal ? 3 : 0);
+        EXPECT_EQ(info.signal, normal ? 0 : SIGKILL);
+    }
+    EXPECT_TRUE(process.Children().empty());
+    EXPECT_EQ(process.RemoveSIGCHLDCallback(exited), Failure); // removed after dispatch
+}
+
+TEST_F(ProcessTest, TwoExitsBeforeWakingAreReapedInOnePass) {
+    std::vector<pid_t> reported;
+    Call<Info> onExit{[&](Info info) { reported.push_back(info.pid); }};
+    pid_t a = Spawn(&onExit, [] { return 0; });
+    pid_t b = Spawn(&onExit, [] { return 0; });
+    ASSERT_GT(a, 0);
+    ASSERT_GT(b, 0);
+    // Wait until both are zombies, without reaping them.
+    for (pid_t pid : {a, b}) {
+        siginfo_t info{};
+        waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+    }
+    EXPECT_EQ(process.ProcessSignals(), True);
+    EXPECT_EQ(reported.size(), 2u);
+    EXPECT_NE(std::find(reported.begin(), reported.end(), a), reported.end());
+    EXPECT_NE(std::find(reported.begin(), reported.end(), b), reported.end());
+    EXPECT_EQ(process.ProcessSignals(), False);
+}
+
+TEST_F(ProcessTest, ExitCallbackMayWithdrawAnotherChildsCallback) {
+    int calls = 0;
+    pid_t first = 0, other = 0;
+    Call<Info> onExit{[&](Info info) {
+        ++calls;
+        process.RemoveSIGCHLDCallback(info.pid == first ? other : first);
+    }};
+    first = Spawn(&onExit, [] { return 0; });
+    other = Spawn(&onExit, [] { return 0; });
+    for (pid_t pid : {first, other}) {
+        siginfo_t info{};
+        waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+    }
+    process.ProcessSignals();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(ProcessTest, PipeCarriesBothDirectionsOfTheChild) {
+    const char* argv[] = {"cat", nullptr};
+    KyUnixProcess::ForkParams params;
+    params.ExecCommand(argv);
+    params.WantPipe(true);
+    std::string received;
+    Info exit{};
+    Call<Info> onExit{[&](Info info) { exit = info; }};
+    params.SetCallback(&onExit);
+    ASSERT_EQ(process.Fork(params), Success);
+    ASSERT_GT(params.ChildPid(), 0);
+    int fd = params.PipeDescriptor();
+    ASSERT_EQ(write(fd, "hello\n", 6), 6);
+    shutdown(fd, SHUT_WR);
+    Call<int> onRead{[&](int) {
+        char buffer[64];
+        ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n > 0)
+            return received.append(buffer, static_cast<std::size_t>(n)), void();
+        loop.RemoveFileEvent(fd, true, false, nullptr);
+        loop.ExitEventLoop(0);
+    }};
+    loop.AddFileEvent(fd, true, false, &onRead);
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(received, "hello\n");
+    close(fd);
+    waitpid(params.ChildPid(), nullptr, 0);
+}
+
+TEST_F(ProcessTest, CommandThatCannotRunFailsInTheChildOnly) {
+    const char* argv[] = {"/nonexistent/hostgauge-tool", "-S", nullptr};
+    KyUnixProcess::ForkParams params;
+    params.ExecCommand(argv);
+    params.WantPipe(true);
+    Info exit{};
+    Call<Info> onExit{[&](Info info) { exit = info; }};
+    params.SetCallback(&onExit);
+    KyStatus status = process.Fork(params);
+    if (params.ChildPid() == 0) {
+        // In the child: report what Fork saw through the pipe that is now stdout.
+        std::string text = std::to_string(status) +
+                           std::to_string(params.ChildExecProcessFailure()) +
+                           process.LastError().Reason().AsUtf8();
+        ssize_t ignored = write(1, text.data(), text.size());
+        (void)ignored;
+        _exit(7);
+    }
+    ASSERT_EQ(status, Success);
+    EXPECT_FALSE(params.ChildExecProcessFailure());
+    int fd = params.PipeDescriptor();
+    std::string received;
+    char buffer[256];
+    for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;)
+        received.append(buffer, static_cast<std::size_t>(n));
+    close(fd);
+    EXPECT_EQ(received.substr(0, 2), "01");
+    EXPECT_NE(received.find("execvp(\"/nonexistent/hostgauge-tool\", const char[]={"
+                            "\"/nonexistent/hostgauge-tool\", \"-S\"}): (2) "),
+              std::string::npos)
+        << received;
+    int code = -1;
+    Call<Info> done{[&](Info info) { code = info.code, loop.ExitEventLoop(0); }};
+    process.RemoveSIGCHLDCallback(params.ChildPid());
+    process.CatchExit(&done, params.ChildPid());
+    EXPECT_EQ(Run(), 0);
+    EXPECT_EQ(code, 7);
+}
+
+TEST_F(ProcessTest, SignalsDispatchInRegistrationOrderOnlyWhileEnabled) {
+    std::vector<std::string> order;
+    Call<int> first{[&](int) { order.push_back("first"); }};
+    Call<int> second{[&](int) { order.push_back("second"); }};
+    ASSERT_EQ(process.CatchSignal(SIGUSR2, &first), Success);
+    ASSERT_EQ(process.CatchSignal(SIGUSR2, &second), Success);
+    EXPECT_EQ(process.CatchCount(SIGUSR2), 2u);
+
+    process.StopSignals();
+    raise(SIGUSR2); // not recorded: the loop is not running
+    EXPECT_EQ(process.ProcessSignals(), False);
+    process.StartSignals();
+    raise(SIGUSR2);
+    raise(SIGUSR2); // recorded once more, dispatched once
+    EXPECT_EQ(process.ProcessSignals(), True);
+    process.StopSignals();
+    EXPECT_EQ(order, (std::vector<std::string>{"first", "second"}));
+}
+
+TEST(UserTest, LooksUpUsersByName) {
+    KyUnixUser root("root");
+    ASSERT_TRUE(root.IsValid());
+    EXPECT_EQ(root.Uid(), 0u);
+    EXPECT_EQ(root.Gid(), 0u);
+    EXPECT_NE(std::find(root.Groups().begin(), root.Groups().end(), 0u), root.Groups().end());
+    EXPECT_FALSE(KyUnixUser("no-such-user-hostgauge").IsValid());
+    EXPECT_FALSE(NoUser().IsValid());
+}
+
+TEST_F(ProcessTest, IdentitySwitchesAsRoot) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "switching identities needs root; running as uid " << geteuid();
+    const KyUnixUser& nobody = NobodyUser();
+    if (!nobody.IsValid())
+        GTEST_SKIP() << "this system has neither a 'nobody' nor a 'nouser' account";
+
+    long uid = static_cast<long>(nobody.Uid());
+    ASSERT_EQ(process.SwitchEffectiveUser(uid), Success);
+    EXPECT_EQ(geteuid(), nobody.Uid());
+    EXPECT_EQ(uid, 0);
+    ASSERT_EQ(process.SwitchEffectiveUser(uid), Success); // and back
+    EXPECT_EQ(geteuid(), 0u);
+
+    ASSERT_EQ(process.BecomeNobody(), Success);
+    EXPECT_EQ(geteuid(), nobody.Uid());
+    EXPECT_EQ(getegid(), nobody.Gid());
+    ASSERT_EQ(process.BecomeRoot(), Success);
+    EXPECT_EQ(geteuid(), 0u);
+    EXPECT_EQ(getegid(), 0u);
+    EXPECT_FALSE(process.UserSwitchFailed());
+}
+
+TEST_F(ProcessTest, IdentitySwitchWithoutRootFails) {
+    if (geteuid() == 0)
+        GTEST_SKIP() << "running as root, where the switch succeeds";
+    const KyUnixUser& nobody = NobodyUser();
+    if (!nobody.IsValid() || nobody.Uid() == geteuid())
+        GTEST_SKIP() << "no distinct 'nobody' account to switch to";
+    EXPECT_EQ(process.BecomeNobody(), Failure);
+    EXPECT_TRUE(process.UserSwitchFailed());
+    EXPECT_EQ(process.LastError().Reason().AsUtf8().substr(0, 11), "seteuid(0):");
+}
+
+} // namespace
