@@ -149,6 +149,36 @@ void StdUnorderedMapInsertFind(benchmark::State& state) {
 }
 BENCHMARK(StdUnorderedMapInsertFind)->Arg(1000);
 
+// Look-ups alone in a table built once, without the cost of building it.
+void KyDictionaryFind(benchmark::State& state) {
+    const auto count = static_cast<unsigned>(state.range(0));
+    KyDictionary<Pair> dictionary(16);
+    for (unsigned i = 0; i < count; ++i)
+        dictionary.Insert(new Pair(i * 7919u, i));
+    for (auto _ : state) {
+        unsigned sum = 0;
+        for (unsigned i = 0; i < count; ++i)
+            sum += dictionary.Find(Pair(i * 7919u))->Value();
+        benchmark::DoNotOptimize(sum);
+    }
+    dictionary.Flush(true);
+}
+BENCHMARK(KyDictionaryFind)->Arg(1000);
+
+void StdUnorderedMapFind(benchmark::State& state) {
+    const auto count = static_cast<unsigned>(state.range(0));
+    std::unordered_map<unsigned, unsigned> map(16);
+    for (unsigned i = 0; i < count; ++i)
+        map.emplace(i * 7919u, i);
+    for (auto _ : state) {
+        unsigned sum = 0;
+        for (unsigned i = 0; i < count; ++i)
+            sum += map.find(i * 7919u)->second;
+        benchmark::DoNotOptimize(sum);
+    }
+}
+BENCHMARK(StdUnorderedMapFind)->Arg(1000);
+
 } // namespace
 
 BENCHMARK_MAIN();

@@ -34,12 +34,9 @@ void KySimpleString::PredictSize(std::uint32_t units) {
     length_ = 0;
 }
 
-void KySimpleString::Append(char16_t unit) {
-    if (length_ == capacity_) {
-        const std::uint64_t c = capacity_;
-        Reserve(RoundDown16(c + c / 4 + 16));
-    }
-    data_[length_++] = unit;
+void KySimpleString::Grow() {
+    const std::uint64_t c = capacity_;
+    Reserve(RoundDown16(c + c / 4 + 16));
 }
 
 void KySimpleString::Reserve(std::uint32_t capacity) {

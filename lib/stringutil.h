@@ -22,13 +22,19 @@ public:
     // Room for (n + n / 4 + 16) rounded down to 16 units when that is more than now;
     // resets the length to 0 either way.
     void PredictSize(std::uint32_t units);
-    void Append(char16_t unit);
+    void Append(char16_t unit) {
+        if (length_ == capacity_)
+            Grow();
+        data_[length_++] = unit;
+    }
     void Reset() { length_ = 0; }
     std::uint32_t Length() const { return length_; }
     std::uint32_t Capacity() const { return capacity_; }
     std::u16string_view View() const { return {data_.get(), length_}; }
 
 private:
+    // Capacity becomes (capacity + capacity / 4 + 16) rounded down to 16.
+    void Grow();
     void Reserve(std::uint32_t capacity);
 
     std::unique_ptr<char16_t[]> data_;
