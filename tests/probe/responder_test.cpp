@@ -4,9 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "probe/cache.h"
 #include "probe/host.h"
-#include "probe/responder.h"
 #include "tests/probe/subscription_world.h"
 
 namespace {
@@ -39,34 +37,36 @@ TEST(ResponderSend, DatagramArrivesWithTheClockAsSequenceNumber) {
     SubscriptionWorld world;
     UdpReceiver receiver;
     StatsPacket packet(91, 700, 300, 1, 2);
+    const unsigned mask = Host::CPU | Host::VMEM;
     const auto before = static_cast<std::uint32_t>(std::time(nullptr));
     // Timestamp and version arguments play no part in the text.
-    ASSERT_EQ(myResponder->sendLoadPacket(12345, KyUniString("9.9"), 42, &packet,
-                                          Host::CPU | Host::VMEM, receiver.Address(),
-                                          KyUniString("loopback")),
+    ASSERT_EQ(myResponder->sendLoadPacket(12345, KyUniString("9.9"), 42, &packet, mask,
+                                          receiver.Address(), KyUniString("loopback")),
               Success);
     const auto after = static_cast<std::uint32_t>(std::time(nullptr));
     const auto received = receiver.Receive();
     ASSERT_TRUE(received.has_value());
-    const unsigned mask = Host::CPU | Host::VMEM;
     EXPECT_TRUE(*received == packetText(mask, packet, 42, before) ||
                 *received == packetText(mask, packet, 42, after))
         << *received;
     EXPECT_TRUE(world.Logged(*received + "\nsent to 127.0.0.1:" + std::to_string(receiver.Port())));
 }
 
-TEST(ResponderSend, RefusedDatagramIsReportedWithReasonWordAndErrno) {
+TEST(ResponderSend, RefusedDatagramIsReportedAndLeavesTheHostsLastValues) {
     SubscriptionWorld world;
-    KyInetAddr broadcast(255, 255, 255, 255);
-    broadcast.Port(9);
-    StatsPacket packet(50, 1, 1, 0, 0);
     // Broadcast without SO_BROADCAST: sendto fails with EACCES.
-    EXPECT_EQ(myResponder->sendLoadPacket(0, KyUniString("1.0"), 3, &packet, Host::CPU, broadcast,
-                                          KyUniString("everyone")),
-              Failure);
+    Host* host = HostListMgr::addHost(KyUniString("255.255.255.255"), 9, 5000, 3, 30000, 10, 3,
+                                      KyUniString("1.0"), Host::CPU | Host::BOGO);
+    ASSERT_NE(host, nullptr);
+    const KyTimeVal created = host->getLastTime();
+    StatsPacket packet(50, 1, 1, 0, 0);
+    host->sendLoad(&packet);
     EXPECT_TRUE(
         world.Logged("Failed to send packet\n<?xml version=\"1.0\"?><cvnlbdata><id>3</id>"));
     EXPECT_TRUE(world.Logged("\nto address 255.255.255.255:9. Error was ioError, errno was 13."));
+    EXPECT_EQ(host->getLastIdle(), 0u);
+    EXPECT_EQ(host->getLastBogo(), 0u);
+    EXPECT_EQ(host->getLastTime(), created);
 }
 
 } // namespace
