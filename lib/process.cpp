@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "lib/logging.h"
 #include "lib/unistring.h"
 
 KyUnixProcess* the_current_process = nullptr;
@@ -226,7 +227,10 @@ KyStatus KyUnixProcess::Fork(ForkParams& params) {
             close(out[0]), close(out[1]);
         return Failure;
     }
+    // Log buffers are flushed first so the child does not write the parent's records again.
+    KyLog::AboutToFork();
     pid_t pid = fork();
+    KyLog::HaveForked();
     if (pid < 0) {
         Fail("fork", "");
         for (int fd : {out[0], out[1], err[0], err[1]})
