@@ -1,13 +1,14 @@
 // Reads one snapshot of the kernel's load counters from a /proc tree (stat, meminfo, vmstat,
 // diskstats) for hostgauge-vmstat. Files are read with plain read() into a stack buffer and
-// parsed line by line, so a sample costs a few system calls and no heap traffic beyond the
-// short list of disk names.
+// parsed line by line in place, so a sample costs a few system calls and a handful of short
+// strings (file paths and disk names).
 #pragma once
 
 #include "lib/error.h"
 #include "lib/numbers.h"
 #include "lib/unistring.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
@@ -57,9 +58,29 @@ inline std::uint64_t ToCount(std::string_view text) {
     return value;
 }
 
-// Hands every line of the file at path to onLine. The kernel's files have short lines except
-// /proc/stat's interrupt list, of which only the leading total is needed, so a line longer
-// than the buffer is handed over cut to the buffer's size and its remainder is skipped.
+// Hands the complete lines of text to onLine and returns the unfinished rest. The kernel's
+// files have short lines except /proc/stat's interrupt list, of which only the leading total
+// is needed: a line that fills the whole buffer is handed over cut there, and skipping is set
+// so that its remainder is dropped.
+template <typename OnLine>
+std::string_view DeliverLines(std::string_view text, std::size_t capacity, bool& skipping,
+                              OnLine& onLine) {
+    for (auto eol = text.find('\n'); eol != std::string_view::npos; eol = text.find('\n')) {
+        if (!skipping)
+            onLine(text.substr(0, eol));
+        skipping = false;
+        text.remove_prefix(eol + 1);
+    }
+    if (text.size() == capacity) {
+        if (!skipping)
+            onLine(text);
+        skipping = true;
+        text.remove_prefix(text.size());
+    }
+    return text;
+}
+
+// Hands every line of the file at path to onLine, read with plain read() into a stack buffer.
 template <typename OnLine>
 KyStatus ForEachLine(const std::string& path, OnLine&& onLine, KyUnixError& failure) {
     Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -77,10 +98,8 @@ KyStatus ForEachLine(const std::string& path, OnLine&& onLine, KyUnixError& fail
             continue;
         if (n < 0) {
             const int error = errno;
-            failure.Set(
-                "read",
-                KyUniString(std::string_view(path + "," + std::to_string(sizeof buffer - used))),
-                error);
+            const auto args = path + "," + std::to_string(sizeof buffer - used);
+            failure.Set("read", KyUniString(std::string_view(args)), error);
             return Failure;
         }
         if (n == 0) {
@@ -88,19 +107,8 @@ KyStatus ForEachLine(const std::string& path, OnLine&& onLine, KyUnixError& fail
                 onLine(std::string_view(buffer, used));
             return Success;
         }
-        std::string_view rest(buffer, used + static_cast<std::size_t>(n));
-        for (auto eol = rest.find('\n'); eol != std::string_view::npos; eol = rest.find('\n')) {
-            if (!skipping)
-                onLine(rest.substr(0, eol));
-            skipping = false;
-            rest.remove_prefix(eol + 1);
-        }
-        if (rest.size() == sizeof buffer) {
-            if (!skipping)
-                onLine(rest);
-            skipping = true;
-            rest.remove_prefix(rest.size());
-        }
+        const auto rest = DeliverLines(std::string_view(buffer, used + static_cast<std::size_t>(n)),
+                                       sizeof buffer, skipping, onLine);
         std::memmove(buffer, rest.data(), rest.size());
         used = rest.size();
     }
