@@ -8,28 +8,33 @@
 #include "probe/bootstrap.h"
 #include "probe/cache.h"
 #include "probe/childmanager.h"
+#include "probe/hostlistmgr.h"
+#include "probe/listener.h"
 #include "probe/messages.h"
 #include "probe/pidfile.h"
 #include "probe/processexit.h"
+#include "probe/responder.h"
 #include "probe/vmstatfilter.h"
 
 namespace {
 
 constexpr int EXIT_UNKNOWN_FILTER = 4;
+constexpr int EXIT_NO_LISTENER = 1;
 
-// Everything that measures load: the rating, the cache, the filter and the tool's manager.
+// Everything that measures and reports load: the rating, the cache, the responder, the
+// filter, the host registry and the tool's manager.
 void buildMeasurement() {
     myBogomips = new Bogomips(static_cast<int>(myBootstrap->getNumProcessors()),
                               myBootstrap->getMultiProcFactor());
     myCache = new Cache(myBootstrap->getMinCacheSize(), myBootstrap->getMaxVirtualMem(),
                         myBootstrap->getMaxPhysMem());
-    // The load packet responder is built here, before the filter.
+    myResponder = new Responder();
     myFilter = BaseFilter::createFilter(myBootstrap->getFilter(), myBootstrap->getMaxVirtualMem(),
                                         myBootstrap->getMaxPhysMem());
     if (myFilter == nullptr) {
         processExit(EXIT_UNKNOWN_FILTER);
     }
-    // The host registry is initialised here, on the event loop, before the child manager.
+    HostListMgr::init(&eventloop);
     myChildManager = new ChildManager(eventloop, myFilter);
 }
 
@@ -46,8 +51,12 @@ int main(int argc, char** argv) {
     // Rated before the tool starts, so the tool's own load does not disturb the rating.
     myBogomips->calculate();
     myChildManager->forkChild();
-    // The control listener starts here on the configured port; when it cannot, main
-    // returns 1 at once, before any pid file exists.
+    // Without a control port there is nothing to serve: leave at once, before any pid file
+    // exists and without the closing log line.
+    myListener = new Listener(eventloop);
+    if (!myListener->startListener(static_cast<int>(myBootstrap->getPort()))) {
+        return EXIT_NO_LISTENER;
+    }
     myPidFile = new PidFile(myBootstrap->getPidDirectory());
     processExit(eventloop.EnterEventLoop());
 }

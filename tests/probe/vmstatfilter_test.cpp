@@ -75,19 +75,6 @@ TEST_F(VmstatFilterTest, AveragesTheRunWithTiesToEvenAndCapsIdle) {
     EXPECT_EQ(cache.getLastIdle(), 100u);
 }
 
-TEST_F(VmstatFilterTest, CachesTheSwapMemoryAndPagingColumns) {
-    int result = 0;
-    ASSERT_TRUE(feed(kHeaders + sample(30, 3072, 5120, 7, 9), result));
-    auto packet = cache.getAverageOfNIdleValues(1);
-    ASSERT_NE(packet, nullptr);
-    EXPECT_EQ(packet->getIdle(), 30u);
-    EXPECT_EQ(packet->getVirtualMemFree(), 3u);
-    EXPECT_EQ(packet->getPhysMemFree(), 5u);
-    EXPECT_EQ(packet->getSwappedIn(), 7u);
-    EXPECT_EQ(packet->getSwappedOut(), 9u);
-    EXPECT_EQ(cache.getLastVmemFree(), 3072u);
-}
-
 TEST_F(VmstatFilterTest, RejectsMoreThanThreeSuccessiveBadLines) {
     int result = 0;
     const std::string bad = "procs -----------memory----------\n";
