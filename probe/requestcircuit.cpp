@@ -1,0 +1,97 @@
+// One control connection from accept to close: the request is whatever the first read that
+// reaches the minimum length brings (there is no framing), the reply is one line, and the
+// circuit then stops reading and has its Listener delete it, which closes the connection.
+#include "probe/requestcircuit.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "lib/codeset/converter.h"
+#include "lib/unistring.h"
+#include "probe/listener.h"
+#include "probe/messages.h"
+
+RequestCircuit::RequestCircuit(KyEventLoop& loop, int fd, Listener* listener)
+    : KyByteCircuit(loop), reader_(fd), writer_(fd), listener_(listener) {
+    reader_.SetBlocking(false);
+    writer_.SetBlocking(false);
+    // A load-tool run forked while this connection is open must not hold it open too.
+    KyFile::SetCloseOnExec(fd, true);
+    input_ = &reader_;
+    output_ = &writer_;
+    WantRead();
+}
+
+RequestCircuit::~RequestCircuit() {
+    // The base class would unregister through the file objects after they are gone; drop
+    // the registrations while they still exist.
+    while (StopRead() > 0) {
+    }
+    StopWrite(true);
+    // Both file objects carry the one descriptor, so it is closed once.
+    reader_.Close();
+}
+
+void RequestCircuit::ReadAvail(KyByteBuffer& incoming) {
+    if (incoming.Length() == 0) {
+        long available = 0;
+        reader_.AmountAvailable(available);
+        ReadMore(static_cast<unsigned>(std::max(available, 1L)));
+        return;
+    }
+    request_.Append(TakeIncoming());
+    if (request_.Length() > MAXREQUESTSIZE) {
+        LogBadCommand(KyScalar<unsigned>(request_.Length()), KyUniString(request_.AsStringView()));
+        SendReply(BAD_REQUEST_MESSAGE, true);
+        return;
+    }
+    KyByteBuffer request;
+    if (isComplete(request)) {
+        DispatchRequest(request);
+        request_.Truncate(0);
+    }
+}
+
+bool RequestCircuit::isComplete(KyByteBuffer& request) {
+    if (request_.Length() >= MINREQUESTSIZE) {
+        request = request_;
+        return true;
+    }
+    // The log shows the still empty output buffer rather than the short request.
+    LogBadCommand(KyScalar<unsigned>(request_.Length()), KyUniString(request.AsStringView()));
+    request_.Truncate(0);
+    SendReply(BAD_REQUEST_MESSAGE, true);
+    return false;
+}
+
+void RequestCircuit::DispatchRequest(KyByteBuffer& request) {
+    KyUniString text;
+    text.CreateFrom(request, KyEncodingUtf8);
+    const KyUniString reply = parser_.doCommand(text).Str();
+    reply_ = reply.AsEncoding(KyEncodingUtf8);
+    SendReply(reply_, true);
+}
+
+void RequestCircuit::SendReply(const KyByteBuffer& reply, bool close) {
+    KyUniString text;
+    text.CreateFrom(reply, KyEncodingUtf8);
+    LogResponseText(text);
+    Write(reply, true);
+    if (close) {
+        finish();
+    }
+}
+
+void RequestCircuit::SendReply(const char* text, bool close) {
+    SendReply(KyByteBuffer(static_cast<std::uint32_t>(std::strlen(text)), text), close);
+}
+
+void RequestCircuit::EndOfFile(bool) {
+    finish();
+}
+
+void RequestCircuit::finish() {
+    while (StopRead() > 0) {
+    }
+    listener_->DeleteRequestCircuit(this);
+}
