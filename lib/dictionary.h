@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <vector>
 
-#include "lib/dlist.h"
 #include "lib/numbers.h"
 
 // Hash of a key or item: an unsigned integer is its own hash; anything else provides
@@ -39,6 +38,10 @@ concept KyExpirable = requires(const T& item) {
 // and Delete() destroy items; destroying the dictionary does not.
 template <typename T>
 class KyDictionary {
+    // A bucket keeps its items in insertion order, as a pointer list would; a plain vector
+    // does that with one allocation per bucket instead of two, which rebuilds feel most.
+    using Bucket = std::vector<T*>;
+
 public:
     static constexpr std::size_t kNoExpiryLimit = ~std::size_t{0};
 
@@ -51,20 +54,20 @@ public:
         if (count_ >= threshold_) {
             Rebuild();
         }
-        KyIList<T>& bucket = BucketOf(*item);
+        Bucket& bucket = BucketOf(*item);
         for (T* present : bucket) {
             if (*present == *item) {
                 return Failure;
             }
         }
-        bucket.Insert(item);
+        bucket.push_back(item);
         ++count_;
         return Success;
     }
 
     // The stored item equal to key, or null.
     T* Find(const T& key) const {
-        const KyIList<T>& bucket = buckets_[BucketIndex(key)];
+        const Bucket& bucket = buckets_[BucketIndex(key)];
         for (T* present : bucket) {
             if (*present == key) {
                 return present;
@@ -75,11 +78,11 @@ public:
 
     // Takes the item equal to key out of the table and hands it to the caller.
     T* Remove(const T& key) {
-        KyIList<T>& bucket = BucketOf(key);
-        for (std::size_t i = 0; i < bucket.Length(); ++i) {
+        Bucket& bucket = BucketOf(key);
+        for (std::size_t i = 0; i < bucket.size(); ++i) {
             if (*bucket[i] == key) {
                 T* item = bucket[i];
-                bucket.Remove(i);
+                bucket.erase(bucket.begin() + static_cast<std::ptrdiff_t>(i));
                 --count_;
                 return item;
             }
@@ -108,8 +111,13 @@ public:
     }
 
     void Flush(bool deleteItems) {
-        for (KyIList<T>& bucket : buckets_) {
-            bucket.Flush(deleteItems);
+        for (Bucket& bucket : buckets_) {
+            if (deleteItems) {
+                for (T* item : bucket) {
+                    delete item;
+                }
+            }
+            bucket.clear();
         }
         count_ = 0;
     }
@@ -117,7 +125,7 @@ public:
     // Visits every item, bucket by bucket, each bucket in insertion order.
     template <typename F>
     void ForEach(F&& visit) const {
-        for (const KyIList<T>& bucket : buckets_) {
+        for (const Bucket& bucket : buckets_) {
             for (T* item : bucket) {
                 visit(*item);
             }
@@ -133,16 +141,16 @@ public:
 
 private:
     std::size_t BucketIndex(const T& item) const { return KyHashValue(item) % buckets_.size(); }
-    KyIList<T>& BucketOf(const T& item) { return buckets_[BucketIndex(item)]; }
+    Bucket& BucketOf(const T& item) { return buckets_[BucketIndex(item)]; }
 
     void Rebuild() {
-        std::vector<KyIList<T>> old(buckets_.size() * 4);
+        std::vector<Bucket> old(buckets_.size() * 4);
         old.swap(buckets_);
         threshold_ *= 4;
         allowance_ -= 2;
-        for (KyIList<T>& bucket : old) {
+        for (Bucket& bucket : old) {
             for (T* item : bucket) {
-                BucketOf(*item).Insert(item);
+                BucketOf(*item).push_back(item);
             }
         }
     }
@@ -153,11 +161,11 @@ private:
         const std::size_t start = static_cast<std::size_t>(std::rand()) % n;
         bool removed = false;
         for (std::size_t step = 1; step <= n && count_ > expiryLimit_; ++step) {
-            KyIList<T>& bucket = buckets_[(start + step) % n];
-            for (std::size_t i = 0; i < bucket.Length(); ++i) {
+            Bucket& bucket = buckets_[(start + step) % n];
+            for (std::size_t i = 0; i < bucket.size(); ++i) {
                 if (bucket[i]->CanItemBeExpired()) {
                     delete bucket[i];
-                    bucket.Remove(i);
+                    bucket.erase(bucket.begin() + static_cast<std::ptrdiff_t>(i));
                     --count_;
                     removed = true;
                     break;
@@ -167,7 +175,7 @@ private:
         return removed;
     }
 
-    std::vector<KyIList<T>> buckets_;
+    std::vector<Bucket> buckets_;
     std::size_t count_ = 0;
     std::size_t threshold_;
     int allowance_ = 28;
