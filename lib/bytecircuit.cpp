@@ -41,10 +41,11 @@ KyByteCircuit::KyByteCircuit(KyEventLoop& loop)
       writeCallback_(std::make_unique<Callback>(this, &KyByteCircuit::writeCB)) {}
 
 KyByteCircuit::~KyByteCircuit() {
-    if (readInterest_ > 0 && input_ && input_->FileDescriptor() >= 0)
-        loop_.RemoveFileEvent(input_->FileDescriptor(), true, false, readCallback_.get());
-    if (writeRegistered_ && output_ && output_->FileDescriptor() >= 0)
-        loop_.RemoveFileEvent(output_->FileDescriptor(), false, true, writeCallback_.get());
+    // The derived class's files may already be gone: use the descriptors as registered.
+    if (readInterest_ > 0 && readFd_ >= 0)
+        loop_.RemoveFileEvent(readFd_, true, false, readCallback_.get());
+    if (writeRegistered_ && writeFd_ >= 0)
+        loop_.RemoveFileEvent(writeFd_, false, true, writeCallback_.get());
 }
 
 void KyByteCircuit::WriteError() {
@@ -81,8 +82,10 @@ const KyByteCircuit::Statistics& KyByteCircuit::GetStatistics() {
 }
 
 unsigned KyByteCircuit::WantRead() {
-    if (++readInterest_ == 1)
-        loop_.AddFileEvent(input_->FileDescriptor(), true, false, readCallback_.get());
+    if (++readInterest_ == 1) {
+        readFd_ = input_->FileDescriptor();
+        loop_.AddFileEvent(readFd_, true, false, readCallback_.get());
+    }
     return readInterest_;
 }
 
@@ -90,7 +93,7 @@ unsigned KyByteCircuit::StopRead() {
     if (readInterest_ == 0)
         return 0;
     if (--readInterest_ == 0)
-        loop_.RemoveFileEvent(input_->FileDescriptor(), true, false, readCallback_.get());
+        loop_.RemoveFileEvent(readFd_, true, false, readCallback_.get());
     return readInterest_;
 }
 
@@ -124,14 +127,15 @@ void KyByteCircuit::Write(const KyByteBuffer& data, bool now) {
 void KyByteCircuit::WantWrite() {
     if (writeRegistered_)
         return;
-    if (loop_.AddFileEvent(output_->FileDescriptor(), false, true, writeCallback_.get()))
+    writeFd_ = output_->FileDescriptor();
+    if (loop_.AddFileEvent(writeFd_, false, true, writeCallback_.get()))
         writeRegistered_ = True;
 }
 
 void KyByteCircuit::DropWriteRegistration() {
     if (!writeRegistered_)
         return;
-    loop_.RemoveFileEvent(output_->FileDescriptor(), false, true, writeCallback_.get());
+    loop_.RemoveFileEvent(writeFd_, false, true, writeCallback_.get());
     writeRegistered_ = False;
 }
 

@@ -117,6 +117,8 @@ private:
     std::unique_ptr<Callback> readCallback_;
     std::unique_ptr<Callback> writeCallback_;
     unsigned readInterest_ = 0;
+    int readFd_ = -1;  // the descriptor registered for reading, while readInterest_ > 0
+    int writeFd_ = -1; // the descriptor registered for writing, while writeRegistered_
     KyStatus writeRegistered_ = False;
     unsigned char abortOnEBADMSG_ = 0;
     std::deque<Message> queue_;
