@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 
 #include "lib/eventloop.h"
 #include "probe/bootstrap.h"
@@ -51,7 +52,7 @@ void HostListMgr::armRegularTimer(const KyTimeVal& now) {
 Host* HostListMgr::findHost(unsigned int id) {
     const auto& byId = registry().byId;
     const auto found = byId.find(id);
-    return found == byId.end() ? nullptr : found->second;
+    return found == byId.end() ? nullptr : found->second->get();
 }
 
 Host* HostListMgr::addHost(const KyUniString& hostname, unsigned int port,
@@ -68,29 +69,39 @@ Host* HostListMgr::addHost(const KyUniString& hostname, unsigned int port,
     }
     Registry& reg = registry();
     Host* added = host.get();
-    reg.HostList.push_back(std::move(host));
-    reg.byId.emplace(id, added);
+    reg.byId.emplace(id, reg.HostList.insert(reg.HostList.end(), std::move(host)));
+    reg.rates.insert(added->getSampleRate());
     LogHostListLen("Add Host", static_cast<unsigned>(reg.HostList.size()));
-    setLoadToolParameters();
+    retune(added);
     return added;
+}
+
+std::unique_ptr<Host> HostListMgr::unlink(Hosts::iterator at) {
+    Registry& reg = registry();
+    std::unique_ptr<Host> host = std::move(*at);
+    reg.HostList.erase(at);
+    reg.byId.erase(host->getId());
+    reg.rates.erase(reg.rates.find(host->getSampleRate()));
+    if (const auto entries = reg.entries.find(host->getCacheEntries());
+        entries != reg.entries.end()) {
+        reg.entries.erase(entries);
+    }
+    return host;
 }
 
 bool HostListMgr::removeHost(unsigned int id) {
     Registry& reg = registry();
-    Host* doomed = findHost(id);
-    if (doomed != nullptr) {
-        const auto at = std::find_if(reg.HostList.begin(), reg.HostList.end(),
-                                     [doomed](const auto& host) { return host.get() == doomed; });
+    const auto found = reg.byId.find(id);
+    const bool removed = found != reg.byId.end();
+    if (removed) {
         // Out of the list before it is deleted, so its timer withdrawal sees a consistent list.
-        std::unique_ptr<Host> owned = std::move(*at);
-        reg.HostList.erase(at);
-        reg.byId.erase(id);
+        unlink(found->second).reset();
     }
     LogHostListLen("Remove Host", static_cast<unsigned>(reg.HostList.size()));
-    if (doomed != nullptr) {
-        setLoadToolParameters();
+    if (removed) {
+        retune(nullptr);
     }
-    return doomed != nullptr;
+    return removed;
 }
 
 void HostListMgr::regularTimeoutCB(KyCallback<KyEvent::cbdispatch>*, KyEvent::cbdispatch reason) {
@@ -103,24 +114,20 @@ void HostListMgr::regularTimeoutCB(KyCallback<KyEvent::cbdispatch>*, KyEvent::cb
 }
 
 unsigned int HostListMgr::expireHosts(const KyTimeVal& now) {
-    Registry& reg = registry();
-    Hosts kept;
-    kept.reserve(reg.HostList.size());
+    Hosts& hosts = registry().HostList;
     unsigned int removed = 0;
-    for (auto& host : reg.HostList) {
-        if (!host->isExpired(now)) {
-            kept.push_back(std::move(host));
-            continue;
+    for (auto at = hosts.begin(); at != hosts.end();) {
+        const auto next = std::next(at);
+        if ((*at)->isExpired(now)) {
+            std::unique_ptr<Host> host = unlink(at);
+            LogHostTimedOut(host->getHostname(), host->getId());
+            ++removed;
         }
-        LogHostTimedOut(host->getHostname(), host->getId());
-        reg.byId.erase(host->getId());
-        host.reset();
-        ++removed;
+        at = next;
     }
-    reg.HostList = std::move(kept);
-    LogHostListLen("Host timeout check", static_cast<unsigned>(reg.HostList.size()));
+    LogHostListLen("Host timeout check", static_cast<unsigned>(hosts.size()));
     if (removed > 0) {
-        setLoadToolParameters();
+        retune(nullptr);
     }
     return removed;
 }
@@ -137,25 +144,53 @@ void HostListMgr::setLoadToolParameters() {
     if (myBootstrap == nullptr) {
         return;
     }
-    const Hosts& hosts = registry().HostList;
-    unsigned int rate = myBootstrap->getSampleRate();
+    Registry& reg = registry();
+    reg.toolRate = fastestRate();
+    reg.entries.clear();
+    for (const auto& host : reg.HostList) {
+        deriveEntries(*host);
+    }
+    applyToolParameters();
+}
+
+void HostListMgr::retune(Host* added) {
+    if (myBootstrap == nullptr) {
+        return;
+    }
+    if (fastestRate() != registry().toolRate) {
+        setLoadToolParameters();
+        return;
+    }
+    if (added != nullptr) {
+        deriveEntries(*added);
+    }
+    applyToolParameters();
+}
+
+unsigned int HostListMgr::fastestRate() {
+    const auto& rates = registry().rates;
+    const unsigned int configured = myBootstrap->getSampleRate();
+    return rates.empty() ? configured : std::min(configured, *rates.begin());
+}
+
+void HostListMgr::deriveEntries(Host& host) {
+    Registry& reg = registry();
+    unsigned int entries = roundedRatio(host.getSampleRate() * host.getWindowSize(), reg.toolRate);
+    if (entries == 0) {
+        entries = MIN_CACHE_ENTRIES;
+    }
+    host.setCacheEntries(entries);
+    reg.entries.insert(entries);
+}
+
+void HostListMgr::applyToolParameters() {
+    const Registry& reg = registry();
     const std::uint32_t span = myBootstrap->getWindowSize() * myBootstrap->getSampleRate();
-    for (const auto& host : hosts) {
-        rate = std::min(rate, host->getSampleRate());
-    }
     if (myChildManager != nullptr) {
-        myChildManager->setSampleRateAndWindowSize(rate, roundedRatio(span, rate));
+        myChildManager->setSampleRateAndWindowSize(reg.toolRate, roundedRatio(span, reg.toolRate));
     }
-    unsigned int largest = MIN_CACHE_ENTRIES;
-    for (const auto& host : hosts) {
-        unsigned int entries = roundedRatio(host->getSampleRate() * host->getWindowSize(), rate);
-        if (entries == 0) {
-            entries = MIN_CACHE_ENTRIES;
-        }
-        largest = std::max(largest, entries);
-        host->setCacheEntries(entries);
-    }
+    const unsigned int largest = reg.entries.empty() ? 0 : *reg.entries.rbegin();
     if (myCache != nullptr) {
-        myCache->setCacheSize(largest);
+        myCache->setCacheSize(std::max(largest, MIN_CACHE_ENTRIES));
     }
 }

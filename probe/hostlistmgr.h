@@ -3,9 +3,10 @@
 // tool's rate and window and the cache size from the subscriptions. Static members only.
 #pragma once
 
+#include <list>
 #include <memory>
+#include <set>
 #include <unordered_map>
-#include <vector>
 
 #include "lib/event.h"
 #include "lib/time.h"
@@ -18,7 +19,7 @@ class HostListMgr {
 public:
     HostListMgr() = delete;
 
-    using Hosts = std::vector<std::unique_ptr<Host>>;
+    using Hosts = std::list<std::unique_ptr<Host>>;
     static constexpr unsigned int REGULAR_TIMEOUT_SECONDS = 3600;
     static constexpr unsigned int MIN_CACHE_ENTRIES = 2;
 
@@ -34,6 +35,7 @@ public:
     // The expiry check against a given time, without re-arming; returns how many went.
     static unsigned int expireHosts(const KyTimeVal& now);
     static void percentChangeCheck(unsigned int idle);
+    // Derives everything afresh from the configuration and every host.
     static void setLoadToolParameters();
 
     // In order of addition.
@@ -42,14 +44,26 @@ public:
     static KyEventLoop* getEventLoop() { return eventloop; }
 
 private:
+    // Membership changes keep the derived tool parameters up to date incrementally: only
+    // when the fastest rate moves does every host's averaging depth need re-deriving.
     struct Registry {
-        Hosts HostList;                               // owns the hosts
-        std::unordered_map<unsigned int, Host*> byId; // the same hosts, for lookups by id
+        Hosts HostList;                                         // owns the hosts
+        std::unordered_map<unsigned int, Hosts::iterator> byId; // the same hosts, by id
+        std::multiset<unsigned int> rates;                      // every host's sample rate
+        std::multiset<unsigned int> entries;                    // every host's cache entries
+        unsigned int toolRate = 0; // the rate the entries were derived at
     };
     // Never destroyed: hosts cancel their timers on the loop, which static destruction
     // may already have taken down; process exit reclaims them.
     static Registry& registry();
     static void armRegularTimer(const KyTimeVal& now);
+    // Takes the host out of the list and the indexes; the caller deletes it.
+    static std::unique_ptr<Host> unlink(Hosts::iterator at);
+    static unsigned int fastestRate();
+    static void deriveEntries(Host& host);
+    static void applyToolParameters();
+    // After a membership change: re-derives everything only when the tool rate moved.
+    static void retune(Host* added);
 
     static KyEventLoop* eventloop;
     static KyStaticCallback<KyEvent::cbdispatch> regularTimeoutcb;

@@ -71,19 +71,28 @@ void ParseCommand::decodeEscapes(KyUniString& request) {
 KyOSStream& ParseCommand::doCommand(KyUniString& request) {
     decodeEscapes(request);
     LogCommandText(request);
+    interpret(request);
+    // They pointed into the transmission, which is gone now.
+    stats_.fill(&LbsAttributes::NULLSTRING);
+    return reply_;
+}
+
+void ParseCommand::interpret(KyUniString& request) {
     Tier3_LbsTransmission transmission(request);
     if (!transmission.isValid()) {
         errors_ << PARSE_ERROR;
-        return writeErrorReply(errors_.Str());
+        writeErrorReply(errors_.Str());
+        return;
     }
     const LbsCommand command = transmission.getCommand();
     LbsAttributes& attributes = transmission.getAttributes();
     checkVersion(attributes, command);
     const bool versionPassed = errors_.View().empty();
     if (!checkAttributes(attributes, command) || !versionPassed) {
-        return writeErrorReply(errors_.Str());
+        writeErrorReply(errors_.Str());
+        return;
     }
-    return runCommand(command);
+    runCommand(command);
 }
 
 void ParseCommand::checkVersion(LbsAttributes& attributes, LbsCommand command) {

@@ -93,6 +93,8 @@ public:
 
 private:
     static void decodeEscapes(KyUniString& request);
+    // Parses, checks and runs the request, writing the reply.
+    void interpret(KyUniString& request);
     void checkVersion(LbsAttributes& attributes, LbsCommand command);
     // Runs every check of the command; false when any failed.
     bool checkAttributes(LbsAttributes& attributes, LbsCommand command);

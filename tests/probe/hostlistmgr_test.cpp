@@ -33,7 +33,7 @@ TEST(HostRegistry, AddAndRemoveKeepListTimersAndUnits) {
     EXPECT_EQ(add(9, 5000, 3, Host::CPU, 1, 10, 30000, "no-such-host.invalid"), nullptr);
     EXPECT_TRUE(world.Logged("Failed to read the address for no-such-host.invalid from DNS"));
     ASSERT_EQ(HostListMgr::getHostList().size(), 2u);
-    EXPECT_EQ(HostListMgr::getHostList()[0].get(), host);
+    EXPECT_EQ(HostListMgr::getHostList().front().get(), host);
     EXPECT_EQ(eventloop.TimeoutCount(), timers + 2);
 
     EXPECT_FALSE(HostListMgr::removeHost(99));

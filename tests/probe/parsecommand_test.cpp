@@ -48,7 +48,7 @@ TEST(CommandReplies, SubscribeDuplicateKillAdmin) {
         EXPECT_EQ(run(request), reply) << request;
     }
     ASSERT_EQ(HostListMgr::getHostList().size(), 1u);
-    EXPECT_EQ(HostListMgr::getHostList()[0]->getStatMask(), 0u);
+    EXPECT_EQ(HostListMgr::getHostList().front()->getStatMask(), 0u);
 }
 
 TEST(CommandReplies, ErrorTextsAccumulateInCheckOrder) {
