@@ -102,9 +102,15 @@ TEST(HostRegistry, ToolParametersRoundHalfWayValuesToEven) {
     EXPECT_EQ(third->getCacheEntries(), 4u);        // 21 / 6 = 3.5
     EXPECT_EQ(fourth->getCacheEntries(), 4u);       // 27 / 6 = 4.5
     EXPECT_EQ(myCache->getCacheSize(), 4u);
-    for (unsigned id : {1u, 2u, 3u, 4u}) {
-        HostListMgr::removeHost(id);
-    }
+    HostListMgr::removeHost(4);
+    HostListMgr::removeHost(3);
+    EXPECT_EQ(myChildManager->getSampleRate(), 6u);
+    EXPECT_EQ(myCache->getCacheSize(), 3u);
+    HostListMgr::removeHost(2);
+    EXPECT_EQ(myChildManager->getSampleRate(), 10u);
+    EXPECT_EQ(first->getCacheEntries(), 2u);
+    EXPECT_EQ(myCache->getCacheSize(), 2u);
+    HostListMgr::removeHost(1);
     EXPECT_EQ(myChildManager->getSampleRate(), 35u);
     EXPECT_EQ(myChildManager->getWindowSize(), 1u);
     EXPECT_EQ(myCache->getCacheSize(), 2u);
