@@ -91,12 +91,20 @@ protected:
         return code;
     }
     void Stop() { loop.ExitEventLoop(0); }
+    // For outcomes that no callback announces: end the next run after a while.
+    void StopAfter(std::uint32_t micros) {
+        loop.AddTimeoutEvent(KyTimeVal() + KyTimeVal(0, micros), &stopper);
+    }
 
     KyUnixProcess process;
     KyEventLoop loop{&process};
     Call guard{[this](int reason) {
         if (reason == KyEvent::Fired)
             loop.ExitEventLoop(99);
+    }};
+    Call stopper{[this](int reason) {
+        if (reason == KyEvent::Fired)
+            Stop();
     }};
     int fd[2] = {-1, -1};
 };
@@ -256,11 +264,7 @@ TEST_F(ByteCircuitTest, DescriptorsPassBothWaysAndDataFollows) {
     EXPECT_EQ(fcntl(pipeB[1], F_GETFD), -1);
     a.ReceiveFileDescriptor();
     a.WantRead();
-    Call stopper{[&](int reason) {
-        if (reason == KyEvent::Fired)
-            Stop();
-    }};
-    loop.AddTimeoutEvent(KyTimeVal() + KyTimeVal(0, 100000), &stopper);
+    StopAfter(100000);
     EXPECT_EQ(Run(), 0);
     ASSERT_EQ(a.descriptors.size(), 1u);
     ASSERT_EQ(write(a.descriptors[0], "y", 1), 1);
@@ -279,12 +283,7 @@ TEST_F(ByteCircuitTest, PeerResetDuringQueuedWriteAbortsTheWriteSide) {
     ASSERT_EQ(writer.QueueLength(), 1u);
     close(fd[1]);
     fd[1] = -1;
-    KyTimeVal soon = KyTimeVal() + KyTimeVal(0, 200000);
-    Call stopper{[&](int reason) {
-        if (reason == KyEvent::Fired)
-            Stop();
-    }};
-    loop.AddTimeoutEvent(soon, &stopper);
+    StopAfter(200000);
     EXPECT_EQ(Run(), 0);
     EXPECT_EQ(writer.writeErrors, 1);
     EXPECT_EQ(writer.QueueLength(), 0u);
@@ -299,12 +298,7 @@ TEST_F(ByteCircuitTest, DescriptorClosedWhileRegisteredIsDroppedByTheLoop) {
     reader->WantRead();
     close(fd[1]);
     fd[1] = -1;
-    KyTimeVal soon = KyTimeVal() + KyTimeVal(0, 50000);
-    Call stopper{[&](int reason) {
-        if (reason == KyEvent::Fired)
-            Stop();
-    }};
-    loop.AddTimeoutEvent(soon, &stopper);
+    StopAfter(50000);
     EXPECT_EQ(Run(), 0);
     const std::string notice = testing::internal::GetCapturedStderr();
     EXPECT_NE(notice.find("bad read file descriptor"), std::string::npos);

@@ -83,6 +83,9 @@ TEST(Tier3LbsTransmission, ParsesRequestTable) {
         EXPECT_EQ(AttributesOf(parsed), c.attributes);
         EXPECT_EQ(parsed.getAttributes().getSize(), c.attributes.size());
         EXPECT_TRUE(parsed.getRawTransmission() == request);
+        EXPECT_EQ(Tier3_LbsTransmission::showCommand(parsed.getCommand()).AsUtf8(),
+                  c.command == LBS_UNKNOWN ? "UNKNOWN"
+                                           : Tier3_LbsTransmission::commandTable[c.command]);
     }
 }
 
@@ -94,14 +97,6 @@ TEST(Tier3LbsTransmission, ParseAttributeReportsClosingPosition) {
     EXPECT_TRUE(content == "80");
     EXPECT_EQ(parser.parseAttribute(KyUniString("<port>80</prt>"), content), 0);
     EXPECT_TRUE(content == "");
-}
-
-TEST(Tier3LbsTransmission, ShowCommandNamesOnlyTableEntries) {
-    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(LBS_CREATE) == "CREATE");
-    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(LBS_GET) == "GET");
-    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(LBS_UNKNOWN) == "UNKNOWN");
-    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(static_cast<LbsCommand>(-1)) == "UNKNOWN");
-    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(static_cast<LbsCommand>(4)) == "UNKNOWN");
 }
 
 TEST(LbsAttributes, LookupsByNameKeepOrderAndFillEmptySlots) {
@@ -132,6 +127,7 @@ TEST(LbsAttributes, LookupsByNameKeepOrderAndFillEmptySlots) {
     EXPECT_EQ(none[0], &LbsAttributes::NULLSTRING);
     EXPECT_EQ(none[1], &LbsAttributes::NULLSTRING);
     EXPECT_EQ(LbsAttributes::NULLSTRING.Length(), 0u);
+    EXPECT_TRUE(Tier3_LbsTransmission::showCommand(static_cast<LbsCommand>(-1)) == "UNKNOWN");
 }
 
 } // namespace
