@@ -63,9 +63,6 @@ TEST(CommandReplies, ErrorTextsAccumulateInCheckOrder) {
          "1.0</version><error>get /Error parsing host; Error parsing port; Error parsing "
          "samplerate; Error parsing windowsize; Error parsing id; Error parsing replyfrequency; "
          "Error parsing percentchange; Error parsing stat; </error>"},
-        {"<cvnlbreq command=ADMIN><version>1.0</version><windowsize>x</windowsize></cvnlbreq>",
-         "1.0</version><error>get /Error parsing port; Error parsing samplerate; Error parsing "
-         "windowsize; </error>"},
         {"<cvnlbreq command=STOP><version>1.0</version></cvnlbreq>",
          "1.0</version><error>get /UNKNOWN</error>"},
         {"<cvnlbreq command=STOP></cvnlbreq>",

@@ -87,10 +87,8 @@ public:
     std::optional<std::string> Receive(int waitMs = 2000) {
         pollfd ready{socket_.FileDescriptor(), POLLIN, 0};
         char buffer[2048];
-        const ssize_t count = ::poll(&ready, 1, waitMs) == 1
-                                  ? ::recv(socket_.FileDescriptor(), buffer, sizeof buffer, 0)
-                                  : -1;
-        return count < 0 ? std::nullopt : std::optional(std::string(buffer, std::size_t(count)));
+        const ssize_t n = ::poll(&ready, 1, waitMs) == 1 ? ::recv(ready.fd, buffer, 2048, 0) : -1;
+        return n < 0 ? std::nullopt : std::optional(std::string(buffer, std::size_t(n)));
     }
 
 private:
