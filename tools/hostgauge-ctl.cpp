@@ -1,7 +1,7 @@
 // hostgauge-ctl: the operator's client for a running hostgauge daemon. It sends the status
 // query, subscribe and kill requests on the control port and prints the answers readably
 // (or raw with --xml), and prints the load datagrams that arrive on a UDP port.
-// Exit status: 0 done, 1 daemon unreachable, 2 bad arguments, 3 the daemon refused.
+// Exit status: 0 done, 1 no daemon (or no UDP port), 2 bad arguments, 3 the daemon refused.
 #include "lib/dns.h"
 #include "lib/error.h"
 #include "lib/inetaddr.h"
@@ -52,7 +52,8 @@ constexpr std::string_view kUsage =
     "  -p port   the daemon's control port (default 3579)\n"
     "  --xml     print replies and datagrams as the daemon sent them\n"
     "\n"
-    "exit status: 0 done, 1 daemon not reachable, 2 bad arguments, 3 request refused\n";
+    "exit status: 0 done, 1 daemon not reachable or UDP port not usable, 2 bad arguments,\n"
+    "3 request refused by the daemon\n";
 
 struct Options {
     std::string daemonHost = "127.0.0.1";

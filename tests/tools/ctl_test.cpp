@@ -19,6 +19,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -29,52 +30,36 @@ const std::string kCtl = std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-ctl";
 const std::string kFakeTool = std::string(HOSTGAUGE_SOURCE_DIR) + "/tests/e2e/fakevmstat.sh";
 const std::string kHead = "<?xml version=\"1.0\"?><cvnlbreply type=";
 
-TEST(CtlReplyTest, TellsAcceptedFromRefusedAndKeepsOnlyTheErrorText) {
-    const std::string created = kHead + "\"create\"><version>1.0</version><id>7</id><stats>cpu=93 "
-                                        "bogo=4312 </stats></cvnlbreply>";
-    EXPECT_FALSE(ctl::ReadReply(created).Failed());
-    EXPECT_EQ(ctl::DescribeReply(created, ctl::ReadReply(created)),
-              "subscribed id 7: cpu=93 bogo=4312");
-
-    const auto refused = ctl::ReadReply(kHead + "\"error\"><version>1.0</version><error>get "
-                                                "/Error parsing version; Error parsing port; "
+// Accepted replies are checked against the daemon below; these are the refusals it cannot
+// easily be made to give: several texts at once, and the bare text of a bad length.
+TEST(CtlReplyTest, RefusalsKeepOnlyTheErrorText) {
+    const auto refused = ctl::ReadReply(kHead + "\"error\"><version>1.0</version><error>get /"
+                                                "Error parsing version; Error parsing port; "
                                                 "</error></cvnlbreply>");
     EXPECT_TRUE(refused.Failed());
     EXPECT_EQ(refused.error, "Error parsing version; Error parsing port");
-
-    const auto bare = ctl::ReadReply("Message is either too short or too long to be valid");
+    const auto bare = ctl::ReadReply("Message is either too short or too long to be valid\n");
     EXPECT_TRUE(bare.Failed());
     EXPECT_EQ(bare.error, "Message is either too short or too long to be valid");
-    EXPECT_EQ(ctl::ReadReply("").error, "empty reply");
 }
 
-TEST(CtlReplyTest, StatusTableTakesTheProbeLineFromTheProbePartOnly) {
+TEST(CtlReplyTest, StatusTableAlignsItsRowsOrSaysThereAreNone) {
     const std::string probe = kHead + "\"get\"><version>1.0</version><port>3579</port><samplerate>"
                                       "5</samplerate><windowsize>3</windowsize><stats>cpu=93 "
                                       "bogo=4312 vmem=51234 </stats><time>T0</time>";
-    EXPECT_EQ(ctl::StatusTable(probe + "No Updates</cvnlbreply>"),
-              "probe: port 3579, sample rate 5 s, window 3 samples, cpu=93 bogo=4312 "
-              "vmem=51234, measured T0\nno subscriptions\n");
-
-    const std::string table = ctl::StatusTable(
-        probe +
-        "<connection><id>7</id><host>client7</host><port>4711</port><replyfrequency>30"
-        "</replyfrequency><percentchange>10</percentchange><samplerate>1</samplerate><windowsize>"
-        "15</windowsize><stats></stats><time>T1</time></connection></cvnlbreply>");
-    EXPECT_EQ(table.substr(0, table.find('\n')),
-              "probe: port 3579, sample rate 5 s, window 3 samples, cpu=93 bogo=4312 "
-              "vmem=51234, measured T0");
-    EXPECT_NE(table.find("ID  HOST     PORT  RATE  WINDOW  EVERY  CHANGE  LAST SENT  LAST STATS\n"
-                         "7   client7  4711  1 s   15      30 s   10 %    T1         -\n"),
-              std::string::npos)
-        << table;
+    const std::string line = "probe: port 3579, sample rate 5 s, window 3 samples, cpu=93 "
+                             "bogo=4312 vmem=51234, measured T0\n";
+    EXPECT_EQ(ctl::StatusTable(probe + "No Updates</cvnlbreply>"), line + "no subscriptions\n");
+    EXPECT_EQ(ctl::StatusTable(
+                  probe + "<connection><id>7</id><host>client7</host><port>4711</port>"
+                          "<replyfrequency>30</replyfrequency><percentchange>10</percentchange>"
+                          "<samplerate>1</samplerate><windowsize>15</windowsize><stats></stats>"
+                          "<time>T1</time></connection></cvnlbreply>"),
+              line + "ID  HOST     PORT  RATE  WINDOW  EVERY  CHANGE  LAST SENT  LAST STATS\n"
+                     "7   client7  4711  1 s   15      30 s   10 %    T1         -\n");
 }
 
-TEST(CtlReplyTest, DatagramLinesShowTheReadingsOrTheRawText) {
-    EXPECT_EQ(ctl::DatagramLine("12:00", "127.0.0.1:9",
-                                "<?xml version=\"1.0\"?><cvnlbdata><id>7</id><seqno>11</seqno>"
-                                "<stats>cpu=87 vmem=512 </stats></cvnlbdata>"),
-              "12:00 from 127.0.0.1:9 id 7 seqno 11 cpu=87 vmem=512");
+TEST(CtlReplyTest, DatagramsOfAnotherShapeAreShownRawOnOneLine) {
     EXPECT_EQ(ctl::DatagramLine("12:00", "h:1", "hello\nthere"),
               "12:00 from h:1 unrecognised datagram: hello there");
     EXPECT_EQ(ctl::DatagramLine("12:00", "h:1", "<cvnlbdata><id>7</id></cvnlbdata>"),
@@ -234,19 +219,14 @@ TEST_F(CtlDaemonTest, MissingDaemonAndBadArgumentsGetClearMessages) {
     const auto absent = Ctl("-p " + std::to_string(freePort()) + " status");
     EXPECT_EQ(absent.status, 1);
     EXPECT_NE(absent.err.find("cannot reach the hostgauge daemon"), std::string::npos);
-    EXPECT_NE(absent.err.find("is it running?"), std::string::npos);
-    EXPECT_NE(absent.err.find("Connection refused"), std::string::npos);
+    EXPECT_NE(absent.err.find("(is it running?): connect("), std::string::npos);
 
-    for (const std::string args :
-         {"", "frobnicate", "status extra", "kill", "kill 0", "kill seven", "listen 70000",
-          "-p 0 status", "status --id 4", "subscribe --host h --port 1",
-          "subscribe --host 'a<b' --port 1 --id 1",
-          "subscribe --host h --port 1 --id 1 "
-          "--stat cpu,disk",
-          "subscribe --host h --port 1 --id 1 --stat cpu,cpu",
-          "subscribe --host h --port 1 "
-          "--id 1 --id 2",
-          "listen 9 --count", "status -x 1"}) {
+    const std::string subscribe = "subscribe --host h --port 1 --id 1 ";
+    for (const std::string& args : std::vector<std::string>{
+             std::string(), "frobnicate", "status extra", "kill", "kill 0", "kill seven",
+             "listen 70000", "listen 9 --count", "-p 0 status", "status --id 4", "status -x 1",
+             "subscribe --host h --port 1", "subscribe --host 'a<b' --port 1 --id 1",
+             subscribe + "--stat cpu,disk", subscribe + "--stat cpu,cpu", subscribe + "--id 2"}) {
         const auto bad = Ctl(args);
         EXPECT_EQ(bad.status, 2) << args;
         EXPECT_NE(bad.err.find("usage: hostgauge-ctl"), std::string::npos) << args;
