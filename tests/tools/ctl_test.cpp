@@ -109,7 +109,8 @@ protected:
         pid_ = ::fork();
         if (pid_ == 0) {
             ::setenv("FAKEVMSTAT_DIR", dir_.c_str(), 1);
-            if (std::freopen((dir_ / "daemon.out").c_str(), "w", stdout) != nullptr)
+            const std::string out = (dir_ / "daemon.out").string();
+            if (std::freopen(out.c_str(), "w", stdout) && std::freopen(out.c_str(), "a", stderr))
                 ::execl(HOSTGAUGE_BIN, "hostgauge", dir_.c_str(), "1", nullptr);
             std::_Exit(127);
         }
