@@ -1,0 +1,199 @@
+// Tests of the control listener and its request circuits over real loopback connections:
+// the length bounds with their bare refusal, the request taken from the first read, the
+// close after one reply, and circuits that leave nothing behind.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+
+#include "probe/listener.h"
+#include "tests/probe/subscription_world.h"
+
+namespace {
+
+const std::string kRefusal = "Message is either too short or too long to be valid";
+
+// Calls a function from the loop; used for the client side and the run's deadline.
+class LoopCall : public KyCallback<KyEvent::cbdispatch> {
+public:
+    explicit LoopCall(std::function<void(int)> body) : body_(std::move(body)) {}
+    void Dispatch(int reason) override { body_(reason); }
+
+private:
+    std::function<void(int)> body_;
+};
+
+// A listener on a kernel-chosen loopback port, served by the probe's loop.
+class ListenerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(listener_.startListener(0));
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        ::getsockname(listener_.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+    }
+
+    int connectClient() {
+        const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port_);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        return fd;
+    }
+
+    // Runs the loop until `done` holds (checked every 5 ms) or two seconds have passed.
+    static bool runUntil(const std::function<bool()>& done) {
+        bool met = false;
+        const KyTimeVal limit = KyTimeVal() + KyTimeVal(2, 0);
+        KyTimeVal next;
+        LoopCall guard([&](int reason) {
+            if (reason == KyEvent::Fired) {
+                eventloop.ExitEventLoop(0);
+            }
+        });
+        LoopCall check([&](int reason) {
+            if (reason != KyEvent::Fired) {
+                return;
+            }
+            if ((met = done())) {
+                eventloop.ExitEventLoop(0);
+                return;
+            }
+            next = KyTimeVal() + KyTimeVal(0, 5000);
+            eventloop.AddTimeoutEvent(next, &check);
+        });
+        eventloop.AddTimeoutEvent(limit, &guard);
+        eventloop.AddTimeoutEvent(next, &check);
+        eventloop.EnterEventLoop();
+        eventloop.RemoveTimeoutEvent(limit, &guard);
+        eventloop.RemoveTimeoutEvent(next, &check);
+        return met;
+    }
+
+    // Sends the pieces (each its own write, each after the daemon has read the one before)
+    // and returns everything the daemon answered until it closed the connection.
+    std::string exchange(std::initializer_list<std::string> pieces) {
+        const int fd = connectClient();
+        std::string reply;
+        bool closed = false;
+        for (const auto& piece : pieces) {
+            // A later piece may meet a connection that is already closed.
+            ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
+            runUntil([&] { return readAvailable(fd, reply, closed); });
+        }
+        runUntil([&] { return readAvailable(fd, reply, closed) && closed; });
+        EXPECT_TRUE(closed) << "the daemon closes after one reply";
+        ::close(fd);
+        return reply;
+    }
+
+    // Collects what has arrived without blocking; true once anything came or the peer closed.
+    static bool readAvailable(int fd, std::string& into, bool& closed) {
+        char buffer[4096];
+        for (;;) {
+            const ssize_t count = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (count > 0) {
+                into.append(buffer, std::size_t(count));
+                continue;
+            }
+            closed = closed || count == 0 || (count < 0 && errno == ECONNRESET);
+            return closed || !into.empty();
+        }
+    }
+
+    bool settled() const {
+        return listener_.liveCircuits() == 0 && listener_.pendingDeletions() == 0;
+    }
+
+    SubscriptionWorld world_;
+    Listener listener_{eventloop};
+    unsigned short port_ = 0;
+};
+
+TEST_F(ListenerTest, LengthBoundsDecideBetweenRefusalAndInterpretation) {
+    const std::string kill = "<cvnlbreq command=KILL><version>1.0</version><id>9</id></cvnlbreq>";
+    const std::string notFound = "<?xml version=\"1.0\"?><cvnlbreply type=\"error\"><version>1.0"
+                                 "</version><error>get /Host with id 9 not found</error>"
+                                 "</cvnlbreply>";
+    // Padding after the closing tag is ignored by the parser, so size alone decides.
+    const std::string at512 = kill + std::string(512 - kill.size(), ' ');
+
+    EXPECT_EQ(exchange({std::string(10, 'x')}), kRefusal);
+    EXPECT_NE(exchange({"0123456789a"}).find("<cvnlbreply type=\"error\">"), std::string::npos)
+        << "11 bytes reach the interpreter";
+    EXPECT_EQ(exchange({kill}), notFound);
+    EXPECT_EQ(exchange({at512}), notFound);
+    EXPECT_EQ(exchange({at512 + " "}), kRefusal);
+    EXPECT_TRUE(world_.Logged("Bad request (length 513). Request is [ " + kill));
+    EXPECT_TRUE(world_.Logged("Bad request (length 10). Request is [  ]."))
+        << "a short request is logged with the empty output text";
+    EXPECT_TRUE(world_.Logged("Received new connection from 127.0.0.1."));
+    EXPECT_TRUE(world_.Logged("Response is \n" + notFound));
+    EXPECT_TRUE(runUntil([&] { return settled(); }));
+}
+
+TEST_F(ListenerTest, TheFirstReadDecidesWhatTheRequestIs) {
+    // The first piece is long enough, so it alone is the request and the rest goes unread.
+    const std::string reply =
+        exchange({"<cvnlbreq command=KILL>", "<version>1.0</version><id>9</id></cvnlbreq>"});
+    EXPECT_NE(reply.find("get /Error parsing version; Error parsing id; "), std::string::npos)
+        << reply;
+    // A first piece under the minimum is refused at once without waiting for more.
+    EXPECT_EQ(exchange({"<cvnl", "breq command=KILL><version>1.0</version><id>9</id></cvnlbreq>"}),
+              kRefusal);
+    EXPECT_TRUE(runUntil([&] { return settled(); }));
+}
+
+TEST_F(ListenerTest, CircuitsLeaveNothingBehind) {
+    const int silent = connectClient();
+    ASSERT_TRUE(runUntil([&] { return listener_.liveCircuits() == 1; }));
+    ::close(silent);
+    EXPECT_TRUE(runUntil([&] { return settled(); })) << "a peer that only closes is cleaned up";
+
+    // Several connections at once are accepted one per readable event and all answered.
+    int clients[3];
+    for (int& fd : clients) {
+        fd = connectClient();
+        ASSERT_EQ(::write(fd, "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n", 32), 32);
+    }
+    for (int fd : clients) {
+        std::string reply;
+        bool closed = false;
+        ASSERT_TRUE(runUntil([&] { return readAvailable(fd, reply, closed) && closed; }));
+        EXPECT_NE(reply.find("No Updates</cvnlbreply>"), std::string::npos) << reply;
+        ::close(fd);
+    }
+    EXPECT_TRUE(runUntil([&] { return settled(); }));
+
+    // Circuits still open when the listener goes are deleted with it.
+    auto second = std::make_unique<Listener>(eventloop);
+    ASSERT_TRUE(second->startListener(0));
+    int pair[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    second->startNewConnection(pair[0]);
+    EXPECT_EQ(second->liveCircuits(), 1u);
+    second.reset();
+    char byte;
+    EXPECT_EQ(::read(pair[1], &byte, 1), 0) << "its connection is closed";
+    ::close(pair[1]);
+}
+
+TEST_F(ListenerTest, ASecondListenerCannotTakeTheSamePort) {
+    Listener second(eventloop);
+    EXPECT_FALSE(second.startListener(port_));
+    EXPECT_EQ(second.fileDescriptor(), -1);
+    EXPECT_TRUE(
+        world_.Logged("Failed to bind to port " + std::to_string(port_) + ", reason bind("));
+    EXPECT_TRUE(world_.Logged("(98) Address already in use"));
+}
+
+} // namespace
