@@ -77,41 +77,49 @@ int UsageError(std::string_view problem) {
     return kExitUsage;
 }
 
+struct NumberOption {
+    std::string_view name;
+    std::uint32_t low, high;
+    std::uint32_t& (*field)(Options&);
+};
+
+// Sample rates under a second would reach the daemon as 0 seconds.
+constexpr NumberOption kNumberOptions[] = {
+    {"-p", 1, kMaxPort, [](Options& o) -> std::uint32_t& { return o.daemonPort; }},
+    {"--port", 1, kMaxPort, [](Options& o) -> std::uint32_t& { return o.subscription.port; }},
+    {"--samplerate", 1000, kMaxNumber,
+     [](Options& o) -> std::uint32_t& { return o.subscription.sampleRateMs; }},
+    {"--windowsize", 1, kMaxNumber,
+     [](Options& o) -> std::uint32_t& { return o.subscription.windowSize; }},
+    {"--replyfreq", 1, kMaxNumber,
+     [](Options& o) -> std::uint32_t& { return o.subscription.replyFreqMs; }},
+    {"--percentchange", 0, 100,
+     [](Options& o) -> std::uint32_t& { return o.subscription.percentChange; }},
+    {"--id", 1, kMaxNumber, [](Options& o) -> std::uint32_t& { return o.subscription.id; }},
+    {"--count", 1, kMaxNumber, [](Options& o) -> std::uint32_t& { return o.count; }},
+};
+
 // Stores one value option; an empty result means it was taken.
 std::string ApplyOption(std::string_view name, std::string_view value, Options& o) {
-    auto number = [&](std::uint32_t low, std::uint32_t high, std::uint32_t& into) {
-        return ctl::ParseNumber(value, low, high, into)
-                   ? std::string()
-                   : std::string(name) + " needs a number from " + std::to_string(low) + " to " +
-                         std::to_string(high) + ", not '" + std::string(value) + "'";
-    };
-    auto& s = o.subscription;
+    const std::string quoted = std::string(name) + " ";
+    for (const auto& option : kNumberOptions) {
+        if (option.name == name) {
+            return ctl::ParseNumber(value, option.low, option.high, option.field(o))
+                       ? std::string()
+                       : quoted + "needs a number from " + std::to_string(option.low) + " to " +
+                             std::to_string(option.high) + ", not '" + std::string(value) + "'";
+        }
+    }
     if (name == "-H" || name == "--host") {
         if (!ctl::ValidHostName(value))
-            return std::string(name) + " needs a host name or dotted address";
-        (name == "-H" ? o.daemonHost : s.host) = value;
+            return quoted + "needs a host name or dotted address";
+        (name == "-H" ? o.daemonHost : o.subscription.host) = value;
         return {};
     }
-    if (name == "-p")
-        return number(1, kMaxPort, o.daemonPort);
-    if (name == "--port")
-        return number(1, kMaxPort, s.port);
-    if (name == "--samplerate")
-        return number(1000, kMaxNumber, s.sampleRateMs);
-    if (name == "--windowsize")
-        return number(1, kMaxNumber, s.windowSize);
-    if (name == "--replyfreq")
-        return number(1, kMaxNumber, s.replyFreqMs);
-    if (name == "--percentchange")
-        return number(0, 100, s.percentChange);
-    if (name == "--id")
-        return number(1, kMaxNumber, s.id);
-    if (name == "--count")
-        return number(1, kMaxNumber, o.count);
     if (name == "--stat")
-        return ctl::ParseStats(value, s.stats) ? std::string()
-                                               : "--stat takes cpu, bogo and vmem, "
-                                                 "separated by commas";
+        return ctl::ParseStats(value, o.subscription.stats)
+                   ? std::string()
+                   : quoted + "takes cpu, bogo and vmem, separated by commas";
     return "unknown option " + std::string(name);
 }
 
@@ -141,8 +149,7 @@ std::string ParseArguments(std::span<char*> args, Options& o) {
 
 // Each command takes only its own options and operands.
 std::string CheckCommand(const Options& o) {
-    const std::set<std::string_view> global{"-H", "-p"};
-    std::set<std::string_view> allowed = global;
+    std::set<std::string_view> allowed{"-H", "-p"};
     std::size_t operands = 0;
     if (o.command == "subscribe") {
         for (const auto* name : {"--host", "--port", "--id"}) {
