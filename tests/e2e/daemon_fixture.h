@@ -1,0 +1,262 @@
+// Scaffolding for the subscription end-to-end tests: the real daemon in a temporary
+// directory with its own properties and the scripted load tool (tests/e2e/fakevmstat.sh),
+// a one-request control client, and a loopback UDP socket standing in for a load balancer.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace e2e {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+// Start-up rates the CPU before it listens; leave room for a busy machine.
+constexpr auto kStartDeadline = 60s;
+constexpr auto kDeadline = 20s;
+
+inline std::string readFile(const fs::path& path) {
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// Replaces a file in one step, so a tool run never sees it half written.
+inline void writeFile(const fs::path& path, const std::string& text) {
+    const fs::path temporary = path.string() + ".new";
+    std::ofstream(temporary) << text;
+    fs::rename(temporary, path);
+}
+
+inline sockaddr_in loopback(unsigned short port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+// A port nobody listens on right now: bound once by the kernel's choice and let go.
+inline unsigned short freePort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}
+
+template <typename Condition>
+bool waitFor(Condition condition, std::chrono::seconds deadline = kDeadline) {
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+// One vmstat -S sample line as the fake tool prints it: free swap and free memory in Kb.
+inline std::string sampleLine(int idle, int swap = 4096, int memory = 2048, int in = 3,
+                              int out = 4) {
+    std::ostringstream line;
+    line << " 0 0 0 " << swap << ' ' << memory << " 0 0 " << in << ' ' << out
+         << " 0 0 0 0 0 0 0 100 200 300 1 1 " << idle << '\n';
+    return line.str();
+}
+
+// A run's output: two heading lines and the since-boot line that the filter skips, then
+// `lines` samples at the given idle.
+inline std::string toolRun(int idle, int lines = 3) {
+    std::string text = " kthr memory page disk faults cpu\n r b w swap free re mf pi po\n" +
+                       sampleLine(99, 1, 1, 0, 0);
+    for (int i = 0; i < lines; ++i) {
+        text += sampleLine(idle);
+    }
+    return text;
+}
+
+// Sends the pieces as separate writes and returns everything read until the daemon closes.
+// A reset instead of the reply counts as an empty answer.
+inline std::string request(unsigned short port, const std::vector<std::string>& pieces) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const sockaddr_in address = loopback(port);
+    std::string reply;
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+        for (const auto& piece : pieces) {
+            ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
+            std::this_thread::sleep_for(pieces.size() > 1 ? 100ms : 0ms);
+        }
+        pollfd ready{fd, POLLIN, 0};
+        char buffer[4096];
+        while (::poll(&ready, 1, 5000) == 1) {
+            const ssize_t count = ::recv(fd, buffer, sizeof buffer, 0);
+            if (count <= 0) {
+                break;
+            }
+            reply.append(buffer, std::size_t(count));
+        }
+    }
+    ::close(fd);
+    return reply;
+}
+
+inline std::string request(unsigned short port, const std::string& text) {
+    return request(port, std::vector<std::string>{text});
+}
+
+// A load balancer's receiving end: a datagram socket on 127.0.0.1.
+class Subscriber {
+public:
+    Subscriber() {
+        fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in address = loopback(0);
+        socklen_t length = sizeof address;
+        ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+    }
+    ~Subscriber() { ::close(fd_); }
+    Subscriber(const Subscriber&) = delete;
+    Subscriber& operator=(const Subscriber&) = delete;
+
+    unsigned short port() const { return port_; }
+    // The next datagram, or nothing when none arrives in time.
+    std::optional<std::string> receive(std::chrono::milliseconds wait) {
+        pollfd ready{fd_, POLLIN, 0};
+        char buffer[2048];
+        if (::poll(&ready, 1, static_cast<int>(wait.count())) != 1) {
+            return std::nullopt;
+        }
+        const ssize_t count = ::recv(fd_, buffer, sizeof buffer, 0);
+        return count < 0 ? std::nullopt : std::optional(std::string(buffer, std::size_t(count)));
+    }
+
+private:
+    int fd_ = -1;
+    unsigned short port_ = 0;
+};
+
+// One daemon in its own temporary directory, killed with its tool runs if a test leaves it.
+class Daemon {
+public:
+    Daemon() {
+        char pattern[] = "/tmp/hostgauge-sub-XXXXXX";
+        dir_ = ::mkdtemp(pattern);
+        port_ = freePort();
+        properties_ = {
+            {"logdirectory", dir_.string()},
+            {"piddirectory", dir_.string()},
+            {"probepath", std::string(HOSTGAUGE_SOURCE_DIR) + "/tests/e2e/fakevmstat.sh -S"},
+            {"port", std::to_string(port_)},
+            {"samplerate", "5"},
+            {"windowsize", "3"},
+            {"maxvirtualmemory", "8192"},
+            {"maxphysicalmemory", "4096"},
+        };
+        environment_ = {{"FAKEVMSTAT_DIR", dir_.string()}, {"TZ", "UTC"}};
+        writeFile(dir_ / "linger", "0.2");
+    }
+    ~Daemon() {
+        if (pid_ > 0 && status_ < 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        std::istringstream tools(readFile(dir_ / "pids"));
+        for (std::string tool; std::getline(tools, tool);) {
+            ::kill(std::stoi(tool), SIGKILL);
+        }
+        fs::remove_all(dir_);
+    }
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    void set(const std::string& key, const std::string& value) { properties_[key] = value; }
+    void setEnv(const std::string& name, const std::string& value) { environment_[name] = value; }
+    const fs::path& dir() const { return dir_; }
+    unsigned short port() const { return port_; }
+    // What the next tool runs print.
+    void toolPrints(const std::string& text) const { writeFile(dir_ / "output", text); }
+
+    void start() {
+        std::string text;
+        for (const auto& [key, value] : properties_) {
+            text += "corvane.config.hostspread." + key + "=" + value + "\n";
+        }
+        writeFile(dir_ / "hostspread.properties", text);
+        pid_ = ::fork();
+        if (pid_ == 0) {
+            for (const auto& [name, value] : environment_) {
+                ::setenv(name.c_str(), value.c_str(), 1);
+            }
+            if (::chdir(dir_.c_str()) == 0 && std::freopen("daemon.out", "w", stdout) &&
+                std::freopen("daemon.out", "a", stderr)) {
+                ::execl(HOSTGAUGE_BIN, "hostgauge", dir_.c_str(), "1", nullptr);
+            }
+            std::_Exit(127);
+        }
+    }
+    // Start-up is over once the pid file is there.
+    bool startServing() {
+        start();
+        return waitFor([&] { return fs::exists(dir_ / "hostgauge.pid"); }, kStartDeadline);
+    }
+
+    std::string log() const {
+        return readFile(dir_ / ("hostgauge" + std::to_string(pid_) + "_error.log"));
+    }
+    bool waitForLog(const std::string& text, std::chrono::seconds deadline = kDeadline) const {
+        return waitFor([&] { return log().find(text) != std::string::npos; }, deadline);
+    }
+    std::vector<std::string> toolArgs() const {
+        std::vector<std::string> result;
+        std::istringstream in(readFile(dir_ / "args"));
+        for (std::string line; std::getline(in, line);) {
+            result.push_back(line);
+        }
+        return result;
+    }
+
+    // The exit status (8 bits, as the shell sees it), or -1 if it did not end in time.
+    int waitExit(std::chrono::seconds deadline = kDeadline) {
+        waitFor(
+            [&] {
+                int status = 0;
+                if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+                    status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+                }
+                return status_ >= 0;
+            },
+            deadline);
+        return status_;
+    }
+
+private:
+    fs::path dir_;
+    unsigned short port_ = 0;
+    std::map<std::string, std::string> properties_;
+    std::map<std::string, std::string> environment_;
+    pid_t pid_ = -1;
+    int status_ = -1;
+};
+
+} // namespace e2e

@@ -1,0 +1,216 @@
+// End-to-end tests of subscriptions: the real daemon answers control requests on its port
+// and sends load datagrams to a loopback subscriber; the scripted load tool decides what
+// load it sees. Also the length refusals, a request in two writes, a port that is taken,
+// and the hourly expiry seen through a shifted clock.
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <regex>
+
+#include "tests/e2e/daemon_fixture.h"
+
+namespace {
+
+using namespace e2e;
+
+const std::string kXml = "<?xml version=\"1.0\"?>";
+const std::string kRefusal = "Message is either too short or too long to be valid";
+
+std::string create(unsigned id, unsigned short port, unsigned percent = 10) {
+    return "<cvnlbreq command=CREATE><version>1.0</version><host>127.0.0.1</host><port>" +
+           std::to_string(port) +
+           "</port><samplerate>5000</samplerate><windowsize>3</windowsize><id>" +
+           std::to_string(id) + "</id><replyfreq>10000</replyfreq><percentchange>" +
+           std::to_string(percent) + "</percentchange><stat>cpu</stat><stat>vmem</stat></cvnlbreq>";
+}
+
+std::string kill(unsigned id) {
+    return "<cvnlbreq command=KILL><version>1.0</version><id>" + std::to_string(id) +
+           "</id></cvnlbreq>";
+}
+
+std::string status(const Daemon& daemon) {
+    return request(daemon.port(), "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n");
+}
+
+// The datagram for id 7 with the fake tool's memory figures, whatever its sequence number.
+void expectLoadPacket(const std::optional<std::string>& packet, int idle) {
+    ASSERT_TRUE(packet.has_value()) << "no datagram";
+    const std::regex shape(
+        R"(<\?xml version="1.0"\?><cvnlbdata><id>7</id><seqno>(\d+)</seqno><stats>cpu=)" +
+        std::to_string(idle) +
+        R"( vmem=4 vmax=8192 pmem=2 pmax=4096 sin=3 sout=4 </stats></cvnlbdata>)");
+    std::smatch match;
+    ASSERT_TRUE(std::regex_match(*packet, match, shape)) << *packet;
+    EXPECT_LE(std::abs(std::stol(match[1]) - long(std::time(nullptr))), 5) << "seqno is the clock";
+}
+
+TEST(Subscription, CreateReportsAtTheReplyFrequencyAndOnChangeUntilKilled) {
+    Daemon daemon;
+    daemon.set("samplerate", "10"); // a 30 second span
+    daemon.toolPrints(toolRun(37));
+    ASSERT_TRUE(daemon.startServing());
+    Subscriber subscriber;
+
+    const std::string before = status(daemon);
+    EXPECT_NE(
+        before.find(kXml + "<cvnlbreply type=\"get\"><version>1.0</version><port>" +
+                    std::to_string(daemon.port()) +
+                    "</port><samplerate>10</samplerate><windowsize>3</windowsize><stats>cpu="),
+        std::string::npos)
+        << before;
+    EXPECT_TRUE(std::regex_search(before, std::regex(" GMT</time>No Updates</cvnlbreply>$")))
+        << before;
+
+    ASSERT_TRUE(daemon.waitForLog("idle=37"));
+    EXPECT_EQ(request(daemon.port(), create(7, subscriber.port())),
+              kXml + "<cvnlbreply type=\"create\"><version>1.0</version><id>7</id>"
+                     "<stats>cpu=37 vmem=4096 </stats></cvnlbreply>");
+    EXPECT_EQ(request(daemon.port(), create(7, subscriber.port())),
+              kXml + "<cvnlbreply type=\"error\"><version>1.0</version><error>get /Host not "
+                     "created</error></cvnlbreply>");
+
+    // Nothing has reached the host yet, so the end of the next run counts as a change.
+    expectLoadPacket(subscriber.receive(5s), 37);
+    const auto first = std::chrono::steady_clock::now();
+    expectLoadPacket(subscriber.receive(15s), 37);
+    const auto period = std::chrono::steady_clock::now() - first;
+    EXPECT_GT(period, 9s) << "the reply timer's period is 10 s";
+    EXPECT_LT(period, 12s);
+
+    // The host's 5 s rate speeds the tool up; its window keeps the 30 s span.
+    EXPECT_TRUE(waitFor([&] { return daemon.toolArgs().back() == "[-S][5][7]"; }));
+    EXPECT_EQ(daemon.toolArgs().front(), "[-S][10][4]");
+    const std::string during = status(daemon);
+    EXPECT_NE(during.find("<samplerate>5</samplerate><windowsize>6</windowsize>"),
+              std::string::npos);
+    EXPECT_TRUE(std::regex_search(
+        during, std::regex("<connection><id>7</id><host>127.0.0.1</host><port>" +
+                           std::to_string(subscriber.port()) +
+                           "</port><replyfrequency>10</replyfrequency><percentchange>10"
+                           "</percentchange><samplerate>5</samplerate><windowsize>3</windowsize>"
+                           "<stats>cpu=37 vmem=4 </stats><time>\\w{3}, \\d\\d \\w{3} \\d{4} "
+                           "\\d\\d:\\d\\d:\\d\\d GMT</time></connection></cvnlbreply>$")))
+        << during;
+
+    // A move of the load by the host's percentage sends at once, between timer ticks.
+    daemon.toolPrints(toolRun(80));
+    expectLoadPacket(subscriber.receive(5s), 80);
+
+    EXPECT_EQ(request(daemon.port(), kill(7)),
+              kXml + "<cvnlbreply type=\"kill\"><version>1.0</version><id>7</id></cvnlbreply>");
+    daemon.toolPrints(toolRun(20));
+    EXPECT_FALSE(subscriber.receive(3s).has_value()) << "a killed host gets nothing";
+    EXPECT_EQ(request(daemon.port(), kill(7)),
+              kXml + "<cvnlbreply type=\"error\"><version>1.0</version><error>get /Host with id "
+                     "7 not found</error></cvnlbreply>");
+    EXPECT_NE(status(daemon).find("</time>No Updates</cvnlbreply>"), std::string::npos);
+}
+
+TEST(Subscription, RequestsOutOfBoundsOrInPiecesGetWhatTheFirstReadHolds) {
+    Daemon daemon;
+    daemon.toolPrints(toolRun(50));
+    ASSERT_TRUE(daemon.startServing());
+
+    EXPECT_EQ(request(daemon.port(), std::string(10, 'a')), kRefusal);
+    EXPECT_EQ(request(daemon.port(), kill(7) + std::string(513 - kill(7).size(), ' ')), kRefusal);
+    EXPECT_TRUE(daemon.waitForLog("Bad request (length 513)."));
+    EXPECT_NE(request(daemon.port(), kill(7) + std::string(512 - kill(7).size(), ' '))
+                  .find("get /Host with id 7 not found"),
+              std::string::npos);
+
+    // The daemon answers the first piece and closes with the second unread, so the client
+    // sees either the answer to the first piece alone or a reset.
+    const std::string split = request(
+        daemon.port(),
+        std::vector<std::string>{"<cvnlbreq command=KILL><version>1.0</version>", "<id>7</id>"});
+    EXPECT_TRUE(split.empty() || split.find("Error parsing id; </error>") != std::string::npos)
+        << split;
+    EXPECT_TRUE(daemon.waitForLog("Command is \n<cvnlbreq command=KILL><version>1.0</version>\n"))
+        << "the second piece is never read";
+}
+
+TEST(Subscription, ATakenControlPortEndsStartUpWithCodeOne) {
+    Daemon daemon;
+    const int holder = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(daemon.port());
+    ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(holder, 1), 0);
+    daemon.start();
+
+    EXPECT_EQ(daemon.waitExit(kStartDeadline), 1);
+    ::close(holder);
+    const std::string log = daemon.log();
+    EXPECT_NE(log.find("Failed to bind to port " + std::to_string(daemon.port()) + ", reason "),
+              std::string::npos)
+        << log;
+    EXPECT_EQ(log.find("Hostgauge stopped"), std::string::npos);
+    EXPECT_FALSE(fs::exists(daemon.dir() / "hostgauge.pid"));
+}
+
+// Shifts the clock that the daemon reads by the number of seconds in $HG_CLOCK_SHIFT.
+const char* const kClockShim = R"(
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/time.h>
+#include <time.h>
+static long shift(void) {
+    long seconds = 0;
+    FILE* file = fopen(getenv("HG_CLOCK_SHIFT"), "r");
+    if (file) {
+        if (fscanf(file, "%ld", &seconds) != 1) seconds = 0;
+        fclose(file);
+    }
+    return seconds;
+}
+int gettimeofday(struct timeval* tv, void* zone) {
+    struct timespec now;
+    (void)zone;
+    clock_gettime(CLOCK_REALTIME, &now);
+    tv->tv_sec = now.tv_sec + shift();
+    tv->tv_usec = now.tv_nsec / 1000;
+    return 0;
+}
+time_t time(time_t* out) {
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    time_t seconds = now.tv_sec + shift();
+    if (out) *out = seconds;
+    return seconds;
+}
+)";
+
+TEST(Subscription, TheHourlyCheckRemovesHostsPastTheirLifetime) {
+    Daemon daemon;
+    writeFile(daemon.dir() / "shim.c", kClockShim);
+    const std::string build = "cc -shared -fPIC -o '" + (daemon.dir() / "shim.so").string() +
+                              "' '" + (daemon.dir() / "shim.c").string() + "' 2>/dev/null";
+    if (std::system(build.c_str()) != 0) {
+        GTEST_SKIP() << "no C compiler to build the clock shim";
+    }
+    writeFile(daemon.dir() / "shift", "0");
+    daemon.setEnv("LD_PRELOAD", (daemon.dir() / "shim.so").string());
+    daemon.setEnv("HG_CLOCK_SHIFT", (daemon.dir() / "shift").string());
+    daemon.setEnv("ASAN_OPTIONS", "verify_asan_link_order=0");
+    daemon.set("hostlifetime", "1");
+    daemon.toolPrints(toolRun(50));
+    ASSERT_TRUE(daemon.startServing());
+    Subscriber subscriber;
+
+    ASSERT_NE(request(daemon.port(), create(7, subscriber.port(), 100)).find("<id>7</id>"),
+              std::string::npos);
+    std::this_thread::sleep_for(1100ms);
+    EXPECT_NE(status(daemon).find("<connection><id>7</id>"), std::string::npos)
+        << "a host outlives its lifetime until the hourly check";
+
+    writeFile(daemon.dir() / "shift", "3600");
+    // Any request wakes the loop, which then finds the hourly check due.
+    request(daemon.port(), kill(99));
+    EXPECT_TRUE(daemon.waitForLog("The host object for 127.0.0.1 with ID 7 has time-expired"));
+    EXPECT_TRUE(daemon.waitForLog("Host timeout check: There are 0 host objects"));
+    EXPECT_NE(status(daemon).find("</time>No Updates</cvnlbreply>"), std::string::npos);
+}
+
+} // namespace
