@@ -26,8 +26,12 @@ struct LogState {
     KyTimeFormat timeFormat;
 };
 
-// Constant-initialised so that it outlives every dynamically built logger and caller.
-constinit LogState state;
+// Built on first use and never destroyed: loggers and their owners are torn down during
+// static destruction in an order no translation unit controls, and may still flush or log.
+LogState& State() {
+    static LogState* const state = new LogState();
+    return *state;
+}
 
 constexpr std::string_view PidMarker = "%%PID%%";
 constexpr std::u16string_view PidMarker16 = u"%%PID%%";
@@ -60,6 +64,7 @@ void AppendNumber(std::string& out, T number) {
 }
 
 std::string PlainRecord(std::string_view time, std::string_view category, std::string_view text) {
+    LogState& state = State();
     std::string record;
     record.reserve(time.size() + category.size() + text.size() + 64);
     record.append(time).append("\t (pid ");
@@ -101,7 +106,7 @@ std::string StructuredRecord(std::string_view time, KyTimeVal const& now, std::s
     record.reserve(time.size() + category.size() + text.size() * 3 / 2 + 64);
     record.append("category=").append(category).append(",date=").append(time);
     record.append(",pid=");
-    AppendNumber(record, state.pid);
+    AppendNumber(record, State().pid);
     record.append(",systime=");
     AppendNumber(record, systime);
     record.append(",message=");
@@ -130,13 +135,14 @@ std::unique_ptr<KyLog::JsLogFile> MakeDestination(std::u16string_view term) {
         return nullptr; // another component's sink
     }
     if (!console && name.Length() > 0 && name.CharAt(0) != u'/') {
-        name = KyUniString(state.directory) + name;
+        name = KyUniString(State().directory) + name;
     }
     return std::make_unique<KyLog::JsLogFile>(name, KyUniString(patterns[0]),
                                               KyUniString(patterns[1]), KyUniString(patterns[2]));
 }
 
 void BuildLookup() {
+    LogState& state = State();
     state.lookup.clear();
     const char* const* categories = state.logger ? state.logger->MessageStrings() : nullptr;
     for (std::size_t n = 0; categories != nullptr && categories[n] != nullptr; ++n) {
@@ -162,10 +168,11 @@ const char* const* KyLog::MessageStrings() const {
 }
 
 KyLog* KyLog::Logger() {
-    return state.logger;
+    return State().logger;
 }
 
 void KyLog::InitLogs(KyLog* logger, KyUniString const& directory) {
+    LogState& state = State();
     state.logger = logger;
     state.directory = directory.Length() == 0 ? std::string(".") : directory.AsUtf8();
     if (state.directory.back() != '/') {
@@ -183,6 +190,7 @@ bool KyLog::SetupJSFilters(KyDList<KyUniString> const& terms) {
 }
 
 bool KyLog::SetupJSFilters(std::span<const KyUniString> terms) {
+    LogState& state = State();
     state.pid = static_cast<int>(getpid());
     state.lookup.clear();
     state.files.clear();
@@ -203,10 +211,12 @@ bool KyLog::Gen(unsigned) const {
 }
 
 bool KyLog::JsGen(unsigned messageNumber) {
+    LogState& state = State();
     return messageNumber < state.lookup.size() && state.lookup[messageNumber].Active();
 }
 
 void KyLog::JserverLog(unsigned messageNumber, KyUniString const& text) {
+    LogState& state = State();
     ++state.calls;
     if (messageNumber >= state.lookup.size()) {
         return;
@@ -221,7 +231,8 @@ void KyLog::JserverLog(unsigned messageNumber, KyUniString const& text) {
     std::string plain;
     std::string structured;
     for (JsLogFile* file : action.Destinations()) {
-        if (file->Stream() == nullptr) {
+        std::FILE* stream = file->Writable();
+        if (stream == nullptr) {
             continue;
         }
         std::string& record = file->IsStructured() ? structured : plain;
@@ -229,12 +240,12 @@ void KyLog::JserverLog(unsigned messageNumber, KyUniString const& text) {
             record = file->IsStructured() ? StructuredRecord(time, now, action.Category(), utf8)
                                           : PlainRecord(time, action.Category(), utf8);
         }
-        WriteRecord(file->Stream(), record);
+        WriteRecord(stream, record);
     }
 }
 
 void KyLog::Flush() {
-    for (auto const& file : state.files) {
+    for (auto const& file : State().files) {
         if (file->Stream() != nullptr) {
             std::fflush(file->Stream());
         }
@@ -242,7 +253,7 @@ void KyLog::Flush() {
 }
 
 KyStatus KyLog::ReOpen() {
-    for (auto const& file : state.files) {
+    for (auto const& file : State().files) {
         file->ReOpen();
     }
     return Success;
@@ -253,6 +264,7 @@ void KyLog::AboutToFork() {
 }
 
 void KyLog::HaveForked() {
+    LogState& state = State();
     const int pid = static_cast<int>(getpid());
     if (pid == state.pid) {
         return;
@@ -308,14 +320,27 @@ void KyLog::JsLogFile::Open(int pid) {
          at += id.size()) {
         path_.replace(at, PidMarker.size(), id);
     }
-    stream_ = std::fopen(path_.c_str(), "a");
-    if (stream_ == nullptr) {
-        lastError_.Set("fopen", KyUniString("\"" + path_ + "\", \"a\""));
-        return;
-    }
-    FixFileState();
+    openFailed_ = false;
 }
 
+// Lazy: a daemon that forks a tool every run must not leave a file pair per child behind.
+std::FILE* KyLog::JsLogFile::Writable() {
+    if (stream_ != nullptr || openFailed_) {
+        return stream_;
+    }
+    stream_ = std::fopen(path_.c_str(), "a");
+    if (stream_ == nullptr) {
+        // Tried once per set-up, like an eager open: records for it are dropped silently.
+        openFailed_ = true;
+        lastError_.Set("fopen", KyUniString("\"" + path_ + "\", \"a\""));
+        return nullptr;
+    }
+    FixFileState();
+    return stream_;
+}
+
+// A destination not written to yet has nothing to reopen: its first record creates the
+// file at its path anyway.
 void KyLog::JsLogFile::ReOpen() {
     if (console_ || stream_ == nullptr) {
         return;
@@ -323,6 +348,7 @@ void KyLog::JsLogFile::ReOpen() {
     // A failed freopen has already closed the old stream.
     stream_ = std::freopen(path_.c_str(), "a", stream_);
     if (stream_ == nullptr) {
+        openFailed_ = true;
         lastError_.Set("freopen", KyUniString("\"" + path_ + "\", \"a\""));
         return;
     }

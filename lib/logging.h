@@ -67,10 +67,15 @@ public:
     bool IsStructured() const { return structured_; }
     bool IsConsole() const { return console_; }
     bool NamedByPid() const;
-    // Null when the destination could not be opened.
+    // Null until the first record was written, and when the destination could not be
+    // opened.
     std::FILE* Stream() const { return stream_; }
+    // The stream for a record, opening the file first if needed; null when it cannot be
+    // opened.
+    std::FILE* Writable();
     KyUnixError const& LastError() const { return lastError_; }
 
+    // Fixes the path for the process id; the file is created by the first record.
     void Open(int pid);
     void ReOpen();
     void Close();
@@ -86,6 +91,7 @@ private:
     KyUniString name_;
     std::string path_;
     std::FILE* stream_ = nullptr;
+    bool openFailed_ = false;
     KyUnixError lastError_;
 };
 
