@@ -94,8 +94,7 @@ TEST(LogFilters, AMessageGoesToAtMostFourDestinationsAndTwiceToARepeatedFile) {
     const std::string twice = ReadWhole(dir / "1.log");
     EXPECT_NE(twice.find("hello"), twice.rfind("hello"));
     EXPECT_NE(ReadWhole(dir / "3.log").find("hello"), std::string::npos);
-    EXPECT_TRUE(std::filesystem::exists(dir / "5.log"));
-    EXPECT_EQ(ReadWhole(dir / "5.log"), "");
+    EXPECT_FALSE(std::filesystem::exists(dir / "5.log"));
 }
 
 TEST(LogRecords, PlainAndStructuredFormats) {
@@ -129,9 +128,11 @@ TEST(LogRecords, PlainAndStructuredFormats) {
     EXPECT_EQ(std::count(structured.begin(), structured.end(), '\n'), 2);
 }
 
-TEST(LogFiles, OwnerOnlyCloseOnExecAndRecreatedOnReOpen) {
+TEST(LogFiles, CreatedByTheFirstRecordOwnerOnlyCloseOnExecAndRecreatedOnReOpen) {
     LogTempDir dir;
-    UseFilters(dir.Path(), {"*/*/*:r.log"});
+    UseFilters(dir.Path(), {"*/*/*:r.log", "*/*/fatal*:idle.jsl"});
+    KyLog::JserverLog(0, "before move");
+    EXPECT_FALSE(std::filesystem::exists(dir / "idle.jsl"));
     struct stat info {};
     ASSERT_EQ(stat((dir / "r.log").c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600u);
@@ -145,26 +146,37 @@ TEST(LogFiles, OwnerOnlyCloseOnExecAndRecreatedOnReOpen) {
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
 
-    KyLog::JserverLog(0, "before move");
     std::filesystem::rename(dir / "r.log", dir / "moved.log");
     EXPECT_EQ(KyLog::ReOpen(), Success);
     KyLog::JserverLog(0, "after move");
     EXPECT_NE(ReadWhole(dir / "r.log").find("after move"), std::string::npos);
     EXPECT_EQ(ReadWhole(dir / "moved.log").find("after move"), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(dir / "idle.jsl")) << "nothing to reopen yet";
 }
 
-TEST(LogFiles, ForkedChildWritesToFilesNamedWithItsOwnPid) {
+// A daemon forks its load tool every run: a child that logs nothing must leave no files.
+TEST(LogFiles, ForkedChildWritesToFilesNamedWithItsOwnPidAndASilentOneLeavesNone) {
     LogTempDir dir;
-    UseFilters(dir.Path(), {"*/*/*:f%%PID%%.log"});
-    KyLog::AboutToFork();
-    const pid_t child = fork();
-    if (child == 0) {
-        KyLog::HaveForked();
-        KyLog::JserverLog(0, "from the child");
-        _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
+    UseFilters(dir.Path(), {"*/*/*:f%%PID%%.log", "*/*/*error:f%%PID%%.jsl"});
+    KyLog::JserverLog(0, "parent, before forking");
+    auto forkChild = [](bool logs) {
+        KyLog::AboutToFork();
+        const pid_t child = fork();
+        if (child == 0) {
+            KyLog::HaveForked();
+            if (logs) {
+                KyLog::JserverLog(0, "from the child");
+            }
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        return child;
+    };
+    const pid_t silent = forkChild(false);
+    const pid_t child = forkChild(true);
+    EXPECT_FALSE(std::filesystem::exists(dir / ("f" + std::to_string(silent) + ".log")));
+    EXPECT_FALSE(std::filesystem::exists(dir / ("f" + std::to_string(child) + ".jsl")));
     KyLog::HaveForked(); // unchanged pid: nothing moves
     KyLog::JserverLog(0, "from the parent");
     const std::string childFile = ReadWhole(dir / ("f" + std::to_string(child) + ".log"));
@@ -179,6 +191,7 @@ TEST(LogFiles, EmptyDirectoryMeansTheCurrentOne) {
     const auto previous = std::filesystem::current_path();
     std::filesystem::current_path(dir.Path());
     UseFilters("", {"*/*/*:here.log"});
+    KyLog::JserverLog(0, "here");
     std::filesystem::current_path(previous);
     EXPECT_TRUE(std::filesystem::exists(dir / "here.log"));
     UseFilters(dir.Path(), {});
