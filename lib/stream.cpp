@@ -1,27 +1,78 @@
-// Text building for KyOSStream and the log framework's time form. Narrow text that is
-// plain ASCII is widened directly; anything else goes through the UTF-8 decoder.
+// Text building for KyOSStream and the log framework's time form. Every insertion widens
+// or copies straight into the stream's own storage: narrow text that is plain ASCII is
+// widened in the same pass that checks it, and only other text goes through the UTF-8
+// decoder.
 #include "lib/stream.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
-KyOSStream& KyOSStream::operator<<(KyUniString const& text) {
-    units_.append(text.View());
+namespace {
+
+// The largest byte capacity the growth asks for, leaving room for the buffer's rounding.
+constexpr std::uint64_t MaxBytes = UINT32_MAX - 32;
+
+} // namespace
+
+void KyOSStream::Reserve(std::size_t units) {
+    const std::uint64_t length = text_.KyByteBuffer::Length();
+    const std::uint64_t needed = length + 2 * std::uint64_t{units};
+    if (needed > MaxBytes)
+        return;
+    if (text_.RefCount() == 1 && needed < text_.Capacity())
+        return;
+    const std::uint64_t doubled = 2 * std::uint64_t{text_.Capacity()};
+    text_.PreAllocate(static_cast<std::uint32_t>(std::min(std::max(needed, doubled), MaxBytes)));
+}
+
+char16_t* KyOSStream::Grow(std::size_t units) {
+    const std::uint64_t length = text_.KyByteBuffer::Length();
+    const std::uint64_t needed = length + 2 * std::uint64_t{units};
+    if (needed > MaxBytes)
+        return nullptr;
+    Reserve(units);
+    if (text_.Extend(static_cast<std::uint32_t>(needed)) != Success)
+        return nullptr;
+    return reinterpret_cast<char16_t*>(text_.Data() + length);
+}
+
+KyOSStream& KyOSStream::AppendUnits(std::u16string_view units) {
+    if (units.empty())
+        return *this;
+    // A view into this very stream would move with the growth.
+    const std::u16string_view own = View();
+    if (!own.empty() && units.data() >= own.data() && units.data() < own.data() + own.size()) {
+        const std::u16string copy(units);
+        return AppendUnits(copy);
+    }
+    if (char16_t* out = Grow(units.size()))
+        std::copy(units.begin(), units.end(), out);
     return *this;
 }
 
 KyOSStream& KyOSStream::operator<<(std::string_view utf8) {
-    const bool ascii =
-        std::all_of(utf8.begin(), utf8.end(), [](char c) { return (c & 0x80) == 0; });
-    if (ascii) {
-        return AppendAscii(utf8);
+    if (utf8.empty())
+        return *this;
+    const std::uint32_t before = text_.Length();
+    char16_t* out = Grow(utf8.size());
+    if (out == nullptr)
+        return *this;
+    unsigned char high = 0;
+    for (const char c : utf8) {
+        high |= static_cast<unsigned char>(c);
+        *out++ = static_cast<unsigned char>(c);
     }
-    return *this << KyUniString(utf8);
+    if ((high & 0x80) == 0)
+        return *this;
+    text_.Truncate(before);
+    return AppendUnits(KyUniString(utf8).View());
 }
 
 KyOSStream& KyOSStream::AppendAscii(std::string_view ascii) {
-    units_.append(ascii.begin(), ascii.end());
+    if (char16_t* out = Grow(ascii.size()))
+        std::copy(ascii.begin(), ascii.end(), out);
     return *this;
 }
 

@@ -1,6 +1,7 @@
-// KyOSStream: the string output stream in which log message texts are built. It takes
-// 16-bit strings, narrow UTF-8 text, integers in decimal, KyScalar values and times,
-// and hands back the finished text as a KyUniString.
+// KyOSStream: the string output stream in which log message texts and control replies
+// are built. It takes 16-bit strings, narrow UTF-8 text, integers in decimal, KyScalar
+// values and times, and hands back the finished text as a KyUniString that shares the
+// stream's storage, so even a multi-megabyte status report is never copied on the way out.
 #pragma once
 
 #include <charconv>
@@ -22,7 +23,8 @@ concept KyDecimal = std::integral<T> && !std::same_as<T, bool> && !std::same_as<
 
 class KyOSStream {
 public:
-    KyOSStream& operator<<(KyUniString const& text);
+    KyOSStream& operator<<(KyUniString const& text) { return AppendUnits(text.View()); }
+    KyOSStream& operator<<(std::u16string_view units) { return AppendUnits(units); }
     KyOSStream& operator<<(std::string_view utf8);
     KyOSStream& operator<<(const char* utf8) { return *this << std::string_view(utf8 ? utf8 : ""); }
 
@@ -38,14 +40,21 @@ public:
         return *this << number.Value();
     }
 
-    KyUniString Str() const { return KyUniString(std::u16string_view(units_)); }
-    std::u16string_view View() const { return units_; }
-    void Clear() { units_.clear(); }
+    // Shares the storage; a later insertion copies it first, so the result never changes.
+    KyUniString Str() const { return text_; }
+    std::u16string_view View() const { return text_.View(); }
+    void Clear() { text_ = KyUniString(); }
+    // Room for this many more code units, for callers that know the size of what follows.
+    void Reserve(std::size_t units);
 
 private:
+    KyOSStream& AppendUnits(std::u16string_view units);
     KyOSStream& AppendAscii(std::string_view ascii);
+    // Lengthens the text by `units` and gives the place to write them, or null when the
+    // text cannot grow. Capacity doubles, so building a long text copies it at most once.
+    char16_t* Grow(std::size_t units);
 
-    std::u16string units_;
+    KyUniString text_;
 };
 
 // Renders times as the log framework shows them: local "YYYY/MM/DD HH:MM:SS" and
