@@ -239,6 +239,17 @@ TEST(DaemonTest, MeasuresUntilSigtermThenCleansUp) {
     EXPECT_TRUE(waitFor([&] { return processGone(tool); }, 5s)) << "the tool is killed";
 }
 
+TEST(DaemonTest, SigpipeStopsTheDaemonToo) {
+    Daemon daemon;
+    daemon.start();
+    // The pid file is written last, after the signal handling is in place.
+    ASSERT_TRUE(
+        waitFor([&] { return fs::exists(daemon.dir() / "hostgauge.pid"); }, kStartDeadline));
+    ::kill(daemon.pid(), SIGPIPE);
+    EXPECT_EQ(daemon.waitExit(), 606 & 0xff);
+    expectStoppedBy(daemon, "SIGPIPE", 606);
+}
+
 TEST(DaemonTest, UnknownFilterEndsStartUpWithCodeFour) {
     Daemon daemon;
     daemon.set("filter", "VmstatFilter");
@@ -286,6 +297,12 @@ TEST(DaemonTest, SurvivesAToolThatMisbehaves) {
     EXPECT_TRUE(daemon.waitForLog("idle=55"));
     ASSERT_TRUE(daemon.running());
     EXPECT_FALSE(fs::exists(daemon.dir() / "missing")) << "no pid file, and no complaint";
+    // Every tool run is a forked child that logs nothing, so it leaves no log files behind.
+    const std::string ours = "hostgauge" + std::to_string(daemon.pid()) + "_error.";
+    for (const auto& entry : fs::directory_iterator(daemon.dir())) {
+        const std::string name = entry.path().filename().string();
+        EXPECT_TRUE(name.find("_error.") == std::string::npos || name.starts_with(ours)) << name;
+    }
 
     ::kill(daemon.pid(), SIGINT);
     EXPECT_EQ(daemon.waitExit(), 603 & 0xff);
