@@ -75,22 +75,18 @@ bool waitFor(Condition condition, std::chrono::seconds deadline = kDeadline) {
     return true;
 }
 
-// One vmstat -S sample line as the fake tool prints it: free swap and free memory in Kb.
-inline std::string sampleLine(int idle, int swap = 4096, int memory = 2048, int in = 3,
-                              int out = 4) {
-    std::ostringstream line;
-    line << " 0 0 0 " << swap << ' ' << memory << " 0 0 " << in << ' ' << out
-         << " 0 0 0 0 0 0 0 100 200 300 1 1 " << idle << '\n';
-    return line.str();
-}
-
-// A run's output: two heading lines and the since-boot line that the filter skips, then
-// `lines` samples at the given idle.
+// A run's output as vmstat -S prints it: two heading lines and the since-boot line that the
+// filter skips, then `lines` samples at the given idle with 4096 Kb swap and 2048 Kb memory
+// free, 3 swapped in and 4 out.
 inline std::string toolRun(int idle, int lines = 3) {
-    std::string text = " kthr memory page disk faults cpu\n r b w swap free re mf pi po\n" +
-                       sampleLine(99, 1, 1, 0, 0);
+    const auto sample = [](int percent, int free) {
+        return " 0 0 0 " + std::to_string(free * 2) + ' ' + std::to_string(free) +
+               " 0 0 3 4 0 0 0 0 0 0 0 100 200 300 1 1 " + std::to_string(percent) + '\n';
+    };
+    std::string text =
+        " kthr memory page disk faults cpu\n r b w swap free re mf pi po\n" + sample(99, 1);
     for (int i = 0; i < lines; ++i) {
-        text += sampleLine(idle);
+        text += sample(idle, 2048);
     }
     return text;
 }

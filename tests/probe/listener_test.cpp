@@ -1,6 +1,6 @@
-// Tests of the control listener and its request circuits over real loopback connections:
-// the length bounds with their bare refusal, the request taken from the first read, the
-// close after one reply, and circuits that leave nothing behind.
+// Tests of the control listener and its circuits over real loopback connections: circuits
+// leave nothing behind, pending connections are all served, a taken port is refused. What a
+// request gets back is tested end to end against the daemon (tests/e2e/subscribe_test.cpp).
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -16,8 +16,6 @@
 #include "tests/probe/subscription_world.h"
 
 namespace {
-
-const std::string kRefusal = "Message is either too short or too long to be valid";
 
 // Calls a function from the loop; used for the client side and the run's deadline.
 class LoopCall : public KyCallback<KyEvent::cbdispatch> {
@@ -79,23 +77,6 @@ protected:
         return met;
     }
 
-    // Sends the pieces (each its own write, each after the daemon has read the one before)
-    // and returns everything the daemon answered until it closed the connection.
-    std::string exchange(std::initializer_list<std::string> pieces) {
-        const int fd = connectClient();
-        std::string reply;
-        bool closed = false;
-        for (const auto& piece : pieces) {
-            // A later piece may meet a connection that is already closed.
-            ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
-            runUntil([&] { return readAvailable(fd, reply, closed); });
-        }
-        runUntil([&] { return readAvailable(fd, reply, closed) && closed; });
-        EXPECT_TRUE(closed) << "the daemon closes after one reply";
-        ::close(fd);
-        return reply;
-    }
-
     // Collects what has arrived without blocking; true once anything came or the peer closed.
     static bool readAvailable(int fd, std::string& into, bool& closed) {
         char buffer[4096];
@@ -118,40 +99,6 @@ protected:
     Listener listener_{eventloop};
     unsigned short port_ = 0;
 };
-
-TEST_F(ListenerTest, LengthBoundsDecideBetweenRefusalAndInterpretation) {
-    const std::string kill = "<cvnlbreq command=KILL><version>1.0</version><id>9</id></cvnlbreq>";
-    const std::string notFound = "<?xml version=\"1.0\"?><cvnlbreply type=\"error\"><version>1.0"
-                                 "</version><error>get /Host with id 9 not found</error>"
-                                 "</cvnlbreply>";
-    // Padding after the closing tag is ignored by the parser, so size alone decides.
-    const std::string at512 = kill + std::string(512 - kill.size(), ' ');
-
-    EXPECT_EQ(exchange({std::string(10, 'x')}), kRefusal);
-    EXPECT_NE(exchange({"0123456789a"}).find("<cvnlbreply type=\"error\">"), std::string::npos)
-        << "11 bytes reach the interpreter";
-    EXPECT_EQ(exchange({kill}), notFound);
-    EXPECT_EQ(exchange({at512}), notFound);
-    EXPECT_EQ(exchange({at512 + " "}), kRefusal);
-    EXPECT_TRUE(world_.Logged("Bad request (length 513). Request is [ " + kill));
-    EXPECT_TRUE(world_.Logged("Bad request (length 10). Request is [  ]."))
-        << "a short request is logged with the empty output text";
-    EXPECT_TRUE(world_.Logged("Received new connection from 127.0.0.1."));
-    EXPECT_TRUE(world_.Logged("Response is \n" + notFound));
-    EXPECT_TRUE(runUntil([&] { return settled(); }));
-}
-
-TEST_F(ListenerTest, TheFirstReadDecidesWhatTheRequestIs) {
-    // The first piece is long enough, so it alone is the request and the rest goes unread.
-    const std::string reply =
-        exchange({"<cvnlbreq command=KILL>", "<version>1.0</version><id>9</id></cvnlbreq>"});
-    EXPECT_NE(reply.find("get /Error parsing version; Error parsing id; "), std::string::npos)
-        << reply;
-    // A first piece under the minimum is refused at once without waiting for more.
-    EXPECT_EQ(exchange({"<cvnl", "breq command=KILL><version>1.0</version><id>9</id></cvnlbreq>"}),
-              kRefusal);
-    EXPECT_TRUE(runUntil([&] { return settled(); }));
-}
 
 TEST_F(ListenerTest, CircuitsLeaveNothingBehind) {
     const int silent = connectClient();
