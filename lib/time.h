@@ -4,8 +4,11 @@
 #pragma once
 
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <span>
+#include <string_view>
 #include <sys/time.h>
 
 #include "lib/numbers.h"
@@ -15,6 +18,7 @@ class KyUniString;
 class KyTimeVal {
 public:
     static constexpr std::uint32_t MicrosPerSecond = 1000000;
+    static constexpr std::size_t RFC1123Capacity = 64;
 
     KyTimeVal() { now(); } // the current time
     KyTimeVal(std::uint32_t seconds, std::uint32_t microseconds);
@@ -45,8 +49,13 @@ public:
     KyStatus FillInTMStruct(std::tm& out) const;
     // "Sun, 06 Nov 1994 08:49:37 GMT"; empty unless FillInTMStruct succeeds.
     KyUniString AsRFC1123() const;
+    // The same text written into `out`, for callers that format many times in a row.
+    std::string_view FormatRFC1123(std::span<char, RFC1123Capacity> out) const;
 
 private:
+    // FillInTMStruct's result, worked out without mktime where the zone is known to be UTC.
+    KyStatus CalendarDate(std::tm& out) const;
+
     std::uint32_t seconds_ = 0;
     std::uint32_t microseconds_ = 0;
 };

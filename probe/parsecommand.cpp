@@ -3,6 +3,7 @@
 // all failed checks in the order the checks run.
 #include "probe/parsecommand.h"
 
+#include <array>
 #include <string_view>
 
 #include "probe/bogomips.h"
@@ -16,6 +17,10 @@
 namespace {
 
 constexpr int MAX_STATS = 3;
+// Code units of a typical connection element and of the report's tail, so that a
+// report for thousands of hosts is laid out in one block rather than grown into.
+constexpr std::size_t CONNECTION_SIZE_HINT = 288;
+constexpr std::size_t NO_UPDATES_SIZE_HINT = 32;
 
 // What the probe itself reads now, for the create reply and the status report.
 unsigned int currentIdle() {
@@ -43,6 +48,12 @@ void writeStats(KyOSStream& out, unsigned int mask, unsigned int idle, Bogo bogo
         out << ParseCommand::STAT_VMEM_START << vmem << " ";
     }
     out << ParseCommand::STAT_END;
+}
+
+// Formatted in place: a temporary string per host is what made big reports slow.
+void writeTime(KyOSStream& out, const KyTimeVal& when) {
+    std::array<char, KyTimeVal::RFC1123Capacity> text;
+    out << ParseCommand::TIME_START << when.FormatRFC1123(text) << ParseCommand::TIME_END;
 }
 
 void replaceAll(std::u16string& text, std::u16string_view escape, char16_t decoded) {
@@ -237,9 +248,9 @@ KyOSStream& ParseCommand::doGetStatus() {
            << (myChildManager ? myChildManager->getWindowSize() : 0u) << WINDOWSIZE_END;
     writeStats(reply_, Host::CPU | Host::BOGO | Host::VMEM, currentIdle(), bestBogo(),
                currentVmemFree());
-    reply_ << TIME_START << (myCache ? myCache->getLastTime() : KyTimeVal(0, 0)).AsRFC1123()
-           << TIME_END;
+    writeTime(reply_, myCache ? myCache->getLastTime() : KyTimeVal(0, 0));
     const auto& hosts = HostListMgr::getHostList();
+    reply_.Reserve(hosts.size() * CONNECTION_SIZE_HINT + NO_UPDATES_SIZE_HINT);
     for (const auto& entry : hosts) {
         writeConnection(*entry);
     }
@@ -259,5 +270,6 @@ void ParseCommand::writeConnection(const Host& entry) {
            << entry.getWindowSize() << WINDOWSIZE_END;
     writeStats(reply_, entry.getStatMask(), entry.getLastIdle(), entry.getLastBogo(),
                entry.getLastVmemFree());
-    reply_ << TIME_START << entry.getLastTime().AsRFC1123() << TIME_END << CONNECTION_END;
+    writeTime(reply_, entry.getLastTime());
+    reply_ << CONNECTION_END;
 }

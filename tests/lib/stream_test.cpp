@@ -1,0 +1,52 @@
+// KyOSStream's storage: texts handed out stay as they were while the stream goes on,
+// growth across many appends keeps every unit, and narrow text that is not ASCII
+// still arrives decoded when it follows plain text.
+#include "lib/stream.h"
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(OSStream, HandedOutTextNeverChanges) {
+    KyOSStream stream;
+    stream << "head";
+    const KyUniString first = stream.Str();
+    stream << " tail " << 42u;
+    const KyUniString second = stream.Str();
+    stream.Reserve(1000);
+    stream << KyUniString(" more");
+    EXPECT_TRUE(first == "head");
+    EXPECT_TRUE(second == "head tail 42");
+    EXPECT_TRUE(stream.Str() == "head tail 42 more");
+
+    // Its own text appended to itself survives the growth that moves it.
+    stream << stream.View();
+    EXPECT_TRUE(stream.Str() == "head tail 42 morehead tail 42 more");
+
+    stream.Clear();
+    EXPECT_TRUE(stream.View().empty());
+    EXPECT_TRUE(second == "head tail 42");
+    stream << "again";
+    EXPECT_TRUE(stream.Str() == "again");
+}
+
+TEST(OSStream, LongTextsKeepEveryUnitAndDecodeUtf8) {
+    KyOSStream stream;
+    std::u16string expected;
+    for (unsigned i = 0; i < 20000; ++i) {
+        stream << "<id>" << i << "</id>";
+        const std::string digits = std::to_string(i);
+        expected += u"<id>" + std::u16string(digits.begin(), digits.end()) + u"</id>";
+        if (i % 997 == 0) {
+            stream << "caf\xc3\xa9 \xe2\x82\xac" << std::u16string_view(u"\u00fc");
+            expected += u"caf\u00e9 \u20ac\u00fc";
+        }
+    }
+    ASSERT_EQ(stream.View().size(), expected.size());
+    EXPECT_TRUE(stream.View() == expected);
+    EXPECT_TRUE(stream.Str().View() == expected);
+}
+
+} // namespace
