@@ -8,7 +8,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "lib/unistring.h"
@@ -17,25 +17,39 @@ namespace {
 
 constexpr std::uint32_t SecondsPerDay = 86400;
 
-// Remembers, per value of TZ, whether local time is UTC at every instant. Only zones
-// named as UTC whose loaded rules agree (no offset, no daylight saving) qualify; any
-// other zone, an unset TZ included, leaves the decision to mktime on every call.
+// Remembers whether local time is UTC at every instant. Only zones named as UTC whose
+// loaded rules agree (no offset, no daylight saving) qualify; for any other zone mktime
+// decides on every call. The decision is redone whenever TZ changes and, while TZ is
+// unset, once a second, since the system zone file may be replaced under a running daemon.
 class UtcZone {
 public:
     bool Current() {
         const char* zone = std::getenv("TZ");
-        if (!decided_ || set_ != (zone != nullptr) || (zone != nullptr && zone_ != zone))
+        const bool changed =
+            !decided_ || set_ != (zone != nullptr) || (zone != nullptr && zone_ != zone);
+        if (changed || (!set_ && std::time(nullptr) != decidedAt_))
             Decide(zone);
         return utc_;
     }
 
 private:
+    static constexpr const char* SystemZone = "/etc/localtime";
+
     void Decide(const char* zone) {
         decided_ = true;
+        decidedAt_ = std::time(nullptr);
         set_ = zone != nullptr;
         zone_ = set_ ? zone : "";
         tzset();
-        utc_ = set_ && NamesUtc(zone_) && timezone == 0 && daylight == 0;
+        // An empty TZ is UTC to the C library; unset TZ means the system zone file.
+        const std::string name = !set_ ? SystemZoneName() : zone_.empty() ? "UTC" : zone_;
+        utc_ = NamesUtc(name) && timezone == 0 && daylight == 0;
+    }
+
+    // The zone the system file links to; a plain file copy names nothing, and mktime decides.
+    static std::string SystemZoneName() {
+        std::error_code error;
+        return std::filesystem::read_symlink(SystemZone, error).string();
     }
 
     // Leap-second ("right/") zones are not among these: their mktime never round-trips.
@@ -45,6 +59,10 @@ private:
             "GMT+0", "GMT-0", "Universal", "Zulu", "Greenwich"};
         if (zone.starts_with(':'))
             zone.remove_prefix(1);
+        if (const auto at = zone.rfind("zoneinfo/"); at != zone.npos)
+            zone.remove_prefix(at + 9);
+        if (zone.starts_with("posix/"))
+            zone.remove_prefix(6);
         if (zone.starts_with("Etc/"))
             zone.remove_prefix(4);
         return std::find(Names.begin(), Names.end(), zone) != Names.end();
@@ -53,6 +71,7 @@ private:
     bool decided_ = false;
     bool set_ = false;
     bool utc_ = false;
+    std::time_t decidedAt_ = 0;
     std::string zone_;
 };
 

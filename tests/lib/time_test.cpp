@@ -22,7 +22,7 @@ public:
         had_ = old != nullptr;
         if (had_)
             old_ = old;
-        setenv("TZ", zone, 1);
+        zone != nullptr ? setenv("TZ", zone, 1) : unsetenv("TZ");
         tzset();
     }
     ~ZoneGuard() {
@@ -120,9 +120,17 @@ TEST(TimeVal, Rfc1123FollowsTheZoneAsItChanges) {
             EXPECT_EQ(winter.AsRFC1123(), "");
             EXPECT_EQ(summer.AsRFC1123(), "");
         }
-        // A zone with daylight saving gets its date from mktime, which finds UTC in winter.
-        ZoneGuard london("GMT0BST,M3.5.0/1,M10.5.0");
-        EXPECT_EQ(winter.AsRFC1123(), "Sun, 06 Nov 1994 08:49:37 GMT");
+        {
+            // A zone with daylight saving gets its date from mktime, which finds UTC in winter.
+            ZoneGuard london("GMT0BST,M3.5.0/1,M10.5.0");
+            EXPECT_EQ(winter.AsRFC1123(), "Sun, 06 Nov 1994 08:49:37 GMT");
+        }
+        // Unset, the system zone decides: a date exactly where it keeps UTC in winter.
+        ZoneGuard system(nullptr);
+        const std::time_t clock = winter.Seconds();
+        std::tm local{};
+        localtime_r(&clock, &local);
+        EXPECT_EQ(winter.AsRFC1123().AsUtf8(), local.tm_gmtoff == 0 ? gmtimeText(784111777) : "");
     }
 }
 
