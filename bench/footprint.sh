@@ -93,16 +93,21 @@ read_sched() { # pid -> ran (ns)
     done
     ((ran > 0))
 }
-hwm=0
-read_hwm() { # pid -> hwm (KiB)
+# Peak RSS, and the private (anonymous) part of the current RSS: the rest is mapped files,
+# mostly shared libraries whose pages every process using them shares.
+hwm=0 anon=0
+read_hwm() { # pid -> hwm, anon (KiB)
     local key value _
-    hwm=0
+    hwm=0 anon=0
     while read -r key value _; do
-        [ "$key" = VmHWM: ] && { hwm=$value; return 0; }
+        case $key in
+        VmHWM:) hwm=$value ;;
+        RssAnon:) anon=$value ;;
+        esac
     done 2>/dev/null <"/proc/$1/status"
-    return 1
+    ((hwm > 0))
 }
-tool_ticks=0 tool_hwm=0
+tool_ticks=0 tool_hwm=0 tool_anon=0
 read_tools() { # the daemon's reaped tools plus the live one(s) -> tool_ticks
     local kids pid
     read_stat "$daemon" || return 1
@@ -111,7 +116,10 @@ read_tools() { # the daemon's reaped tools plus the live one(s) -> tool_ticks
     # The file has no line end, so read reports end of file after filling the array.
     read -r -a kids 2>/dev/null <"/proc/$daemon/task/$daemon/children" || true
     for pid in "${kids[@]}"; do
-        read_hwm "$pid" && ((hwm > tool_hwm)) && tool_hwm=$hwm
+        if read_hwm "$pid"; then
+            ((hwm > tool_hwm)) && tool_hwm=$hwm
+            ((anon > tool_anon)) && tool_anon=$anon
+        fi
         read_stat "$pid" && tool_ticks=$((tool_ticks + own))
     done
     return 0
@@ -154,13 +162,13 @@ daemon_ticks=$((own - daemon_start))
 read_sched "$daemon"
 daemon_ns=$((ran - daemon_ns_start))
 read_hwm "$daemon"
-daemon_hwm=$hwm
+daemon_hwm=$hwm daemon_anon=$anon
 read_stat "$collector"
 collectd_ticks=$((own - collectd_start))
 read_sched "$collector"
 collectd_ns=$((ran - collectd_ns_start))
 read_hwm "$collector"
-collectd_hwm=$hwm
+collectd_hwm=$hwm collectd_anon=$anon
 samples=$(($(cached) - samples_start))
 
 kill -TERM "$daemon"
@@ -175,27 +183,50 @@ last=$(tail -n 1 "$log")
 awk -v hz="$hz" -v el="$elapsed_us" -v dt="$daemon_ticks" -v dn="$daemon_ns" \
     -v rn="$rating_ns" -v n="$ratings" -v dh="$daemon_hwm" -v tt="$tool_ticks" \
     -v th="$tool_hwm" -v s="$samples" -v ct="$collectd_ticks" -v cn="$collectd_ns" \
-    -v ch="$collectd_hwm" 'BEGIN {
+    -v ch="$collectd_hwm" -v da="$daemon_anon" -v ta="$tool_anon" -v ca="$collectd_anon" 'BEGIN {
     el /= 1e6
     tick = 1000 / hz
     printf "%.0f s of steady running, 5 s samples, each process'"'"'s own processor time\n", el
-    printf "%-26s %9s %9s %9s %10s  %s\n", "process", "stat ms", "exact ms", "% core",
-           "peak RSS", "note"
+    printf "%-26s %9s %9s %9s %10s %9s  %s\n", "process", "stat ms", "exact ms", "% core",
+           "peak RSS", "anon RSS", "note"
     # The ratings are taken off the stat figure too, so both columns show upkeep alone.
     rating_ms = rn / 1e6
-    row("hostgauge, ratings apart", dt * tick - rating_ms, (dn - rn) / 1e6, dh, "")
-    row("hostgauge ratings", -1, rating_ms, dh, sprintf("%d rating(s)", n))
-    row("hostgauge in all", dt * tick, dn / 1e6, dh, "")
-    row("hostgauge-vmstat", tt * tick, -1, th,
+    row("hostgauge, ratings apart", dt * tick - rating_ms, (dn - rn) / 1e6, dh, da, "")
+    row("hostgauge ratings", -1, rating_ms, dh, da, sprintf("%d rating(s)", n))
+    row("hostgauge in all", dt * tick, dn / 1e6, dh, da, "")
+    row("hostgauge-vmstat", tt * tick, -1, th, ta,
         sprintf("%d samples, %.3f ms per sample (+-%.2f)", s, s ? tt * tick / s : 0,
                 s ? tick / s : 0))
-    row("collectd (cpu, memory)", ct * tick, cn / 1e6, ch, "")
+    row("collectd (cpu, memory)", ct * tick, cn / 1e6, ch, ca, "")
 }
-function row(name, stat, exact, kib, note,    ms, a, b) {
+function row(name, stat, exact, kib, anon, note,    ms, a, b) {
     # Worked out before printf, where a bare ">" would redirect its output.
     ms = exact >= 0 ? exact : stat
     a = stat >= 0 ? sprintf("%.0f", stat) : "-"
     b = exact >= 0 ? sprintf("%.1f", exact) : "-"
-    printf "%-26s %9s %9s %9.4f %6.2f MiB  %s\n", name, a, b, 100 * ms / 1000 / el, kib / 1024, note
+    printf "%-26s %9s %9s %9.4f %6.2f MiB %5.2f MiB  %s\n", name, a, b, 100 * ms / 1000 / el,
+           kib / 1024, anon / 1024, note
 }'
 echo "daemon exit status $status (604 in the log, 92 in the shell); last log line: $last"
+
+# Where the tool's time goes: the daemon forks it afresh for every run, so its start (exec,
+# dynamic linking, the since-boot line) is spread over one run's samples only. Measured
+# apart through the shell's children times (getrusage, to the microsecond).
+child_ms() { # command... -> prints the children's user+system ms of running it
+    (
+        "$@" >/dev/null
+        # In this shell itself: a pipe would run times in a fresh fork without children.
+        times >"$work/times"
+        awk 'NR == 2 { split($1, u, /[ms]/); split($2, s, /[ms]/)
+            printf "%.2f", 1000 * (u[1] * 60 + u[2] + s[1] * 60 + s[2]) }' "$work/times"
+    )
+}
+repeat() { local i; for ((i = 0; i < 10; i++)); do "$@"; done; }
+true_ms=$(child_ms repeat /bin/true)
+start_ms=$(child_ms repeat "$build/hostgauge-vmstat" -S 1 1)
+run_ms=$(child_ms "$build/hostgauge-vmstat" -S 1 11)
+awk -v t="$true_ms" -v s="$start_ms" -v r="$run_ms" 'BEGIN {
+    printf "load tool apart: start with its first line %.2f ms (any program start here: %.2f ms),",
+           s / 10, t / 10
+    printf " each further line %.3f ms\n", (r - s / 10) / 10
+}'
