@@ -101,7 +101,7 @@ def main():
     print(f"error records in the log: {len(errors)}")
     for line in errors[:20]:
         print("  " + line)
-    print(f"daemon exit status {code} (SIGTERM ends it with 604; the shell shows 92)")
+    print(f"daemon exit status {code} (604 by SIGTERM, seen as 604 mod 256 = 92)")
 
 
 if __name__ == "__main__":
