@@ -41,6 +41,8 @@ def main():
         send(hgrun.create(next_id, rx.port), "create")
         live.append(next_id)
         next_id += 1
+    # The first status report sizes the heap for reports; the baseline is taken after it.
+    send(hgrun.STATUS, "status")
     time.sleep(2)
     p = d.proc
     start = {"rss": p.rss(), "fds": p.fds(), "ticks": p.ticks()[0]}
