@@ -75,8 +75,9 @@ private:
     std::deque<CacheObject> samples_; // oldest first
     unsigned int cacheSize_;
     unsigned int minCacheSize_;
-    unsigned int maxVirtualMemory_;
-    unsigned int maxPhysicalMemory_;
+    // Configured maxima, kept with the object that was built from them; no reading uses them.
+    [[maybe_unused]] unsigned int maxVirtualMemory_;
+    [[maybe_unused]] unsigned int maxPhysicalMemory_;
     unsigned int highestIdle_ = 0;
     unsigned int lastIdle_ = 0;
     unsigned int lastVmemFree_ = 0;

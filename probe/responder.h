@@ -33,7 +33,6 @@ public:
 
 private:
     KySocket socket_;
-    bool unused_ = false; // kept for the class's layout; nothing reads it
 };
 
 // The probe's one responder, made at start-up.

@@ -18,6 +18,7 @@ public:
     static bool matches(const KyUniString& name);
 
 private:
-    unsigned int maxVirtualMemory_;
-    unsigned int maxPhysicalMemory_;
+    // Configured maxima, kept with the object that was built from them; no reading uses them.
+    [[maybe_unused]] unsigned int maxVirtualMemory_;
+    [[maybe_unused]] unsigned int maxPhysicalMemory_;
 };
