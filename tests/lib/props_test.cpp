@@ -82,19 +82,6 @@ TEST(PropsEscapes, ValueDecoding) {
     }
 }
 
-TEST_F(Props, PutGetRemove) {
-    props_.Put("k", "one");
-    const KyUniString* first = props_.Get("k");
-    ASSERT_NE(first, nullptr);
-    props_.Put("k", "two");
-    EXPECT_EQ(Value("k"), "two");
-    EXPECT_EQ(props_.Count(), 1u);
-    EXPECT_EQ(props_.Remove("k"), Success);
-    EXPECT_EQ(props_.Remove("k"), Failure);
-    EXPECT_EQ(props_.Get("k"), nullptr);
-    EXPECT_EQ(props_.Get("K"), nullptr);
-}
-
 TEST_F(Props, BadInputNeverFails) {
     EXPECT_EQ(props_.Load((dir_ + "/absent").c_str()), Failure);
     EXPECT_EQ(props_.Load(dir_.c_str()), Failure);

@@ -69,22 +69,6 @@ TEST(TimeVal, OrdersBySecondsThenMicroseconds) {
     EXPECT_GT(before.Seconds(), 1600000000u) << "default construction reads the clock";
 }
 
-TEST(TimeVal, Rfc1123DateOnlyInUtc) {
-    {
-        ZoneGuard utc("UTC");
-        EXPECT_EQ(KyTimeVal(784111777, 0).AsRFC1123(), "Sun, 06 Nov 1994 08:49:37 GMT");
-        EXPECT_EQ(KyTimeVal(0, 0).AsRFC1123(), "Thu, 01 Jan 1970 00:00:00 GMT");
-        std::tm date{};
-        EXPECT_EQ(KyTimeVal(86400 * 365 + 59, 0).FillInTMStruct(date), Success);
-        EXPECT_EQ(date.tm_year, 71);
-        EXPECT_EQ(date.tm_sec, 59);
-    }
-    ZoneGuard elsewhere("EST5EDT");
-    std::tm date{};
-    EXPECT_EQ(KyTimeVal(784111777, 0).FillInTMStruct(date), Failure);
-    EXPECT_EQ(KyTimeVal(784111777, 0).AsRFC1123(), "");
-}
-
 // The date form checked against the C library's own UTC calendar, across leap years,
 // century rules and the 32-bit end, in every spelling of UTC the fast path accepts.
 std::string gmtimeText(std::uint32_t seconds) {
