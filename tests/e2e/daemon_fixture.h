@@ -1,6 +1,6 @@
-// Scaffolding for the subscription end-to-end tests: the real daemon in a temporary
-// directory with its own properties and the scripted load tool (tests/e2e/fakevmstat.sh),
-// a one-request control client, and a loopback UDP socket standing in for a load balancer.
+// Scaffolding for the end-to-end tests: the real daemon in a temporary directory with its
+// own properties and the scripted load tool (tests/e2e/fakevmstat.sh), a one-request
+// control client, and a loopback UDP socket standing in for a load balancer.
 #pragma once
 
 #include <arpa/inet.h>
@@ -44,6 +44,15 @@ inline void writeFile(const fs::path& path, const std::string& text) {
     fs::rename(temporary, path);
 }
 
+inline std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        result.push_back(line);
+    }
+    return result;
+}
+
 inline sockaddr_in loopback(unsigned short port) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -53,8 +62,8 @@ inline sockaddr_in loopback(unsigned short port) {
 }
 
 // A port nobody listens on right now: bound once by the kernel's choice and let go.
-inline unsigned short freePort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+inline unsigned short freePort(int type = SOCK_STREAM) {
+    const int fd = ::socket(AF_INET, type, 0);
     sockaddr_in address = loopback(0);
     socklen_t length = sizeof address;
     ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
@@ -75,18 +84,19 @@ bool waitFor(Condition condition, std::chrono::seconds deadline = kDeadline) {
     return true;
 }
 
+// One sample line: twice `free` Kb swap and `free` Kb memory free, 3 swapped in and 4 out.
+inline std::string sampleLine(int idle, int free = 2048) {
+    return " 0 0 0 " + std::to_string(free * 2) + ' ' + std::to_string(free) +
+           " 0 0 3 4 0 0 0 0 0 0 0 100 200 300 1 1 " + std::to_string(idle) + '\n';
+}
+
 // A run's output as vmstat -S prints it: two heading lines and the since-boot line that the
-// filter skips, then `lines` samples at the given idle with 4096 Kb swap and 2048 Kb memory
-// free, 3 swapped in and 4 out.
+// filter skips, then `lines` samples at the given idle.
 inline std::string toolRun(int idle, int lines = 3) {
-    const auto sample = [](int percent, int free) {
-        return " 0 0 0 " + std::to_string(free * 2) + ' ' + std::to_string(free) +
-               " 0 0 3 4 0 0 0 0 0 0 0 100 200 300 1 1 " + std::to_string(percent) + '\n';
-    };
     std::string text =
-        " kthr memory page disk faults cpu\n r b w swap free re mf pi po\n" + sample(99, 1);
+        " kthr memory page disk faults cpu\n r b w swap free re mf pi po\n" + sampleLine(99, 1);
     for (int i = 0; i < lines; ++i) {
-        text += sample(idle, 2048);
+        text += sampleLine(idle);
     }
     return text;
 }
@@ -177,8 +187,7 @@ public:
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, nullptr, 0);
         }
-        std::istringstream tools(readFile(dir_ / "pids"));
-        for (std::string tool; std::getline(tools, tool);) {
+        for (const auto& tool : toolPids()) {
             ::kill(std::stoi(tool), SIGKILL);
         }
         fs::remove_all(dir_);
@@ -190,6 +199,7 @@ public:
     void setEnv(const std::string& name, const std::string& value) { environment_[name] = value; }
     const fs::path& dir() const { return dir_; }
     unsigned short port() const { return port_; }
+    pid_t pid() const { return pid_; }
     // What the next tool runs print.
     void toolPrints(const std::string& text) const { writeFile(dir_ / "output", text); }
 
@@ -223,13 +233,23 @@ public:
     bool waitForLog(const std::string& text, std::chrono::seconds deadline = kDeadline) const {
         return waitFor([&] { return log().find(text) != std::string::npos; }, deadline);
     }
-    std::vector<std::string> toolArgs() const {
+    // The message texts of the log's records, oldest first.
+    std::vector<std::string> messages() const {
         std::vector<std::string> result;
-        std::istringstream in(readFile(dir_ / "args"));
-        for (std::string line; std::getline(in, line);) {
-            result.push_back(line);
+        for (const auto& line : lines(log())) {
+            if (line.find("\t (pid ") != std::string::npos &&
+                line.find("Keldmoor Vantorel((legacy))") != std::string::npos) {
+                result.emplace_back();
+            } else if (!result.empty()) {
+                result.back() += result.back().empty() ? line : "\n" + line;
+            }
         }
         return result;
+    }
+    std::vector<std::string> toolArgs() const { return lines(readFile(dir_ / "args")); }
+    std::vector<std::string> toolPids() const { return lines(readFile(dir_ / "pids")); }
+    bool waitForRuns(std::size_t runs) const {
+        return waitFor([&] { return toolPids().size() >= runs; });
     }
 
     // The exit status (8 bits, as the shell sees it), or -1 if it did not end in time.
@@ -244,6 +264,10 @@ public:
             },
             deadline);
         return status_;
+    }
+    bool running() {
+        int status = 0;
+        return status_ < 0 && ::waitpid(pid_, &status, WNOHANG) == 0;
     }
 
 private:

@@ -1,33 +1,20 @@
 // hostgauge-ctl: its reading of replies, reports and datagrams on fixed texts, then the real
-// program against a real daemon that runs in a temporary directory with the scripted load
-// tool of the end-to-end tests: every command, refusals, a missing daemon, bad arguments.
+// program against a real daemon on the end-to-end fixture: every command, refusals, a
+// missing daemon, bad arguments.
 #include "tools/ctl_report.h"
+
+#include "tests/e2e/daemon_fixture.h"
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <netinet/in.h>
-#include <sstream>
-#include <string>
-#include <sys/socket.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
-#include <vector>
+#include <memory>
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 const std::string kCtl = std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-ctl";
-const std::string kFakeTool = std::string(HOSTGAUGE_SOURCE_DIR) + "/tests/e2e/fakevmstat.sh";
 const std::string kHead = "<?xml version=\"1.0\"?><cvnlbreply type=";
 
 // Accepted replies are checked against the daemon below; these are the refusals it cannot
@@ -66,23 +53,6 @@ TEST(CtlReplyTest, DatagramsOfAnotherShapeAreShownRawOnOneLine) {
               "12:00 from h:1 unrecognised datagram: <cvnlbdata><id>7</id></cvnlbdata>");
 }
 
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-unsigned short freePort(int type = SOCK_STREAM) {
-    const int fd = ::socket(AF_INET, type, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    ::close(fd);
-    return ntohs(address.sin_port);
-}
-
 struct Outcome {
     int status = -1;
     std::string out, err;
@@ -92,50 +62,24 @@ struct Outcome {
 class CtlDaemonTest : public testing::Test {
 protected:
     static void SetUpTestSuite() {
-        char pattern[] = "/tmp/hostgauge-ctl-XXXXXX";
-        dir_ = ::mkdtemp(pattern);
-        port_ = std::to_string(freePort());
-        std::ofstream(dir_ / "output")
-            << "heading\nheading\n 0 0 0 1 1 0 0 0 0 0 0 0 0 0 0 0 1 1 1 1 1 99\n"
-               " 0 0 0 4096 2048 0 0 3 4 0 0 0 0 0 0 0 100 200 300 1 1 37\n";
-        std::ofstream properties(dir_ / "hostspread.properties");
-        for (const auto& [key, value] : {std::pair{"logdirectory", dir_.string()},
-                                         {"piddirectory", dir_.string()},
-                                         {"probepath", kFakeTool + " -S"},
-                                         {"port", port_}}) {
-            properties << "corvane.config.hostspread." << key << "=" << value << "\n";
-        }
-        properties.close();
-        pid_ = ::fork();
-        if (pid_ == 0) {
-            ::setenv("FAKEVMSTAT_DIR", dir_.c_str(), 1);
-            const std::string out = (dir_ / "daemon.out").string();
-            if (std::freopen(out.c_str(), "w", stdout) && std::freopen(out.c_str(), "a", stderr))
-                ::execl(HOSTGAUGE_BIN, "hostgauge", dir_.c_str(), "1", nullptr);
-            std::_Exit(127);
-        }
-        for (int tries = 0; tries < 600 && Ctl("status").status != 0; ++tries)
-            std::this_thread::sleep_for(100ms);
+        daemon_ = std::make_unique<e2e::Daemon>();
+        daemon_->toolPrints(e2e::toolRun(37, 1));
+        port_ = std::to_string(daemon_->port());
+        daemon_->startServing();
+        e2e::waitFor([] { return Ctl("status").status == 0; });
     }
-    static void TearDownTestSuite() {
-        ::kill(pid_, SIGTERM);
-        ::waitpid(pid_, nullptr, 0);
-        std::istringstream tools(readFile(dir_ / "pids"));
-        for (pid_t tool; tools >> tool;)
-            ::kill(tool, SIGKILL);
-        fs::remove_all(dir_);
-    }
+    static void TearDownTestSuite() { daemon_.reset(); }
 
     // Runs the client, against the suite's daemon unless the arguments name a port.
     static Outcome Ctl(const std::string& args, FILE** running = nullptr) {
         const std::string target = args.find("-p ") == 0 ? "" : "-p " + port_ + " ";
-        const std::string err = (dir_ / ("err" + std::to_string(calls_++))).string();
+        const std::string err = (daemon_->dir() / ("err" + std::to_string(calls_++))).string();
         FILE* pipe =
             ::popen(("timeout 30 " + kCtl + " " + target + args + " 2>" + err).c_str(), "r");
         Outcome outcome;
         if (running != nullptr) {
             *running = pipe;
-            for (int tries = 0; tries < 500 && readFile(err).empty(); ++tries)
+            for (int tries = 0; tries < 500 && e2e::readFile(err).empty(); ++tries)
                 std::this_thread::sleep_for(20ms);
         } else {
             char buffer[4096];
@@ -144,13 +88,12 @@ protected:
             const int status = ::pclose(pipe);
             outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         }
-        outcome.err = readFile(err);
+        outcome.err = e2e::readFile(err);
         return outcome;
     }
 
-    static inline fs::path dir_;
+    static inline std::unique_ptr<e2e::Daemon> daemon_;
     static inline std::string port_;
-    static inline pid_t pid_ = -1;
     static inline int calls_ = 0;
 };
 
@@ -193,7 +136,7 @@ TEST_F(CtlDaemonTest, RefusalsExitNonZeroWithTheDaemonsErrorText) {
 }
 
 TEST_F(CtlDaemonTest, ListenPrintsEachDatagramAsAStampedLine) {
-    const std::string udp = std::to_string(freePort(SOCK_DGRAM));
+    const std::string udp = std::to_string(e2e::freePort(SOCK_DGRAM));
     FILE* listener = nullptr;
     Ctl("listen " + udp + " --count 2", &listener);
     // Percent change 0 sends at the end of every run of the load tool, about once a second.
@@ -217,7 +160,7 @@ TEST_F(CtlDaemonTest, ListenPrintsEachDatagramAsAStampedLine) {
 }
 
 TEST_F(CtlDaemonTest, MissingDaemonAndBadArgumentsGetClearMessages) {
-    const auto absent = Ctl("-p " + std::to_string(freePort()) + " status");
+    const auto absent = Ctl("-p " + std::to_string(e2e::freePort()) + " status");
     EXPECT_EQ(absent.status, 1);
     EXPECT_NE(absent.err.find("cannot reach the hostgauge daemon"), std::string::npos);
     EXPECT_NE(absent.err.find("(is it running?): connect("), std::string::npos);
