@@ -7,6 +7,7 @@
 #   HOSTGAUGE_BUILD: build directory with hostgauge and hostgauge-vmstat (default build)
 import argparse
 import collections
+import shutil
 import time
 
 import hgrun
@@ -104,6 +105,11 @@ def main():
     for line in errors[:20]:
         print("  " + line)
     print(f"daemon exit status {code} (604 by SIGTERM, seen as 604 mod 256 = 92)")
+    # Logs with error records stay for reading; a clean run leaves nothing behind.
+    if errors or failures:
+        print(f"logs kept in {d.work}")
+    else:
+        shutil.rmtree(d.work, ignore_errors=True)
 
 
 if __name__ == "__main__":
