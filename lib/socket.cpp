@@ -113,11 +113,15 @@ KyStatus KySocket::Listen(unsigned backlog) {
     return Success;
 }
 
-KyStatus KySocket::AcceptFrom(int listeningFd) {
+KyStatus KySocket::AcceptFrom(int listeningFd, int flags) {
     Close();
-    const int fd = ::accept(listeningFd, nullptr, nullptr);
+    const int fd = ::accept4(listeningFd, nullptr, nullptr, flags);
     if (fd < 0) {
-        lastError_.Set("accept", Text(std::to_string(listeningFd) + ",0,0"), errno);
+        const int error = errno;
+        std::string arguments = std::to_string(listeningFd) + ",0,0";
+        if (flags != 0)
+            arguments += "," + std::to_string(flags);
+        lastError_.Set(flags != 0 ? "accept4" : "accept", Text(arguments), error);
         return Failure;
     }
     Adopt(fd);
@@ -148,9 +152,31 @@ KyStatus KySocket::LocalAddress(KyInetAddr& address) {
     return QueryAddress(false, address);
 }
 
+KyIOResult KySocket::Write(const void* data, long length, long& count) {
+    const ssize_t sent = ::send(fd_, data, static_cast<size_t>(length), MSG_NOSIGNAL);
+    if (sent >= 0) {
+        count = sent;
+        if (sent == length)
+            return length == 0 ? ioEndOfFile : ioComplete;
+        // Nothing moved is not an end of file: the caller waits for writability and retries.
+        return ioPartial;
+    }
+    const int error = errno;
+    if (error == EAGAIN || error == EWOULDBLOCK) {
+        count = 0;
+        return ioPartial;
+    }
+    lastError_.Set("send",
+                   Text(std::to_string(fd_) + "," + PointerText(data) + "," +
+                        std::to_string(length) + ",MSG_NOSIGNAL"),
+                   error);
+    return ioError;
+}
+
 KyIOResult KySocket::WriteMessage(const void* data, long length, long& written,
                                   const KyInetAddr& to) {
-    const ssize_t sent = ::sendto(fd_, data, static_cast<size_t>(length), 0,
+    // No SIGPIPE from a datagram socket either; errors come back as errors.
+    const ssize_t sent = ::sendto(fd_, data, static_cast<size_t>(length), MSG_NOSIGNAL,
                                   static_cast<const sockaddr*>(to), kInetLength);
     if (sent == length && length > 0)
         return ioComplete;

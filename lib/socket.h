@@ -31,11 +31,15 @@ public:
     KyStatus Bind(KySocketAddress address, connectionType type, bool reuse, unsigned retries,
                   bool verbose);
     KyStatus Listen(unsigned backlog);
-    // Replaces this socket's descriptor with the next connection on listeningFd.
-    KyStatus AcceptFrom(int listeningFd);
+    // Replaces this socket's descriptor with the next connection on listeningFd; flags are
+    // accept4's (SOCK_NONBLOCK, SOCK_CLOEXEC), so a busy listener saves the fcntl calls.
+    KyStatus AcceptFrom(int listeningFd, int flags = 0);
     KyStatus RemoteAddress(KyInetAddr& address);
     KyStatus LocalAddress(KyInetAddr& address);
 
+    // send() with MSG_NOSIGNAL: a peer that has reset the connection is an ordinary write
+    // error (EPIPE, ECONNRESET) for this socket, never a SIGPIPE that stops the process.
+    KyIOResult Write(const void* data, long length, long& count) override;
     KyIOResult WriteMessage(const void* data, long length, long& written, const KyInetAddr& to);
     KyIOResult ReadMessage(void* buffer, long length, long& count, KyInetAddr& from);
 
