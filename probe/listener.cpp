@@ -1,9 +1,15 @@
 // The control port's listening socket and the life of its connections: accept, hand the
-// descriptor to a RequestCircuit, and delete answered circuits on the loop's next pass.
+// descriptor to a RequestCircuit, close the silent ones, rest when descriptors run out, and
+// delete finished circuits on the loop's next pass.
 #include "probe/listener.h"
+
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <limits>
+#include <string>
 
 #include "lib/inetaddr.h"
 #include "lib/time.h"
@@ -16,11 +22,42 @@ namespace {
 // A zero time is always past, so the deletion fires on the loop's next pass.
 const KyTimeVal kNextPass(0, 0);
 
+KyTimeVal FromMilliseconds(unsigned long milliseconds) {
+    return KyTimeVal(static_cast<std::uint32_t>(milliseconds / 1000),
+                     static_cast<std::uint32_t>(milliseconds % 1000 * 1000));
+}
+
+// The idle limit, which tests shorten through the environment so they need not wait 10 s.
+KyTimeVal IdleLimit() {
+    const char* text = std::getenv(Listener::IDLE_LIMIT_ENV);
+    if (text != nullptr) {
+        char* end = nullptr;
+        const unsigned long milliseconds = std::strtoul(text, &end, 10);
+        if (end != text && *end == '\0' && milliseconds > 0)
+            return FromMilliseconds(milliseconds);
+    }
+    return FromMilliseconds(Listener::IDLE_LIMIT_MS);
+}
+
+// Connections may hold all descriptors but the reserve and those already open at start-up
+// (below firstFree, as descriptors are handed out lowest first).
+std::size_t ConnectionLimit(int firstFree) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
+        return std::numeric_limits<std::size_t>::max();
+    const rlim_t kept = static_cast<rlim_t>(firstFree) + Listener::RESERVED_DESCRIPTORS;
+    return limit.rlim_cur > kept ? static_cast<std::size_t>(limit.rlim_cur - kept) : 1;
+}
+
 } // namespace
 
-Listener::Listener(KyEventLoop& loop) : acceptCallback_(this, &Listener::acceptCB), loop_(loop) {}
+Listener::Listener(KyEventLoop& loop)
+    : acceptCallback_(this, &Listener::acceptCB), loop_(loop), idleLimit_(IdleLimit()),
+      connectionLimit_(std::numeric_limits<std::size_t>::max()) {}
 
 Listener::~Listener() {
+    disarm(resumeTimer_);
+    disarm(idleTimer_);
     RemoveCallback();
     if (fd_ != -1) {
         socket_.Close();
@@ -59,6 +96,7 @@ KyStatus Listener::startListeningSocket(int port) {
     // The load tool is forked again and again; it must not inherit the control port.
     socket_.SetCloseOnExec(true);
     fd_ = socket_.FileDescriptor();
+    connectionLimit_ = ConnectionLimit(fd_ + 1);
     return Success;
 }
 
@@ -80,26 +118,124 @@ void Listener::acceptCB(KyCallback<cbdispatch>*, cbdispatch reason) {
     if (reason != KyEvent::Fired) {
         return;
     }
+    // Timeouts fire only when the loop is idle; a steady stream of clients must not keep
+    // silent connections open past their limit.
+    if (idleTimer_.armed && idleTimer_.due <= KyTimeVal()) {
+        closeIdleCircuits(KyTimeVal());
+    }
+    // Everything queued is taken now: one accept per wake-up cannot keep up with a burst.
+    while (registered_ && acceptOne()) {
+    }
+}
+
+bool Listener::acceptOne() {
+    if (atConnectionLimit()) {
+        // Pre-empts EMFILE so that the load tool's pipe and the log files can still open;
+        // accepting resumes as soon as a connection ends.
+        KyUnixError limit;
+        limit.Set("accept", KyUniString(std::string_view(std::to_string(fd_) + ",0,0")), EMFILE);
+        stopAccepting(limit);
+        return false;
+    }
     KySocket connection;
-    if (!connection.AcceptFrom(fd_)) {
-        // The pending connection went away between the readiness and the accept.
-        if (connection.ErrorErrno() != EWOULDBLOCK) {
+    if (!connection.AcceptFrom(fd_, SOCK_NONBLOCK | SOCK_CLOEXEC)) {
+        const int error = connection.ErrorErrno();
+        if (error == EMFILE || error == ENFILE) {
+            // Nothing here tells when descriptors free up elsewhere: try again in a second.
+            stopAccepting(connection.LastError());
+            arm(resumeTimer_, KyTimeVal() + KyTimeVal(ACCEPT_PAUSE_SECONDS, 0));
+        } else if (error == EAGAIN || error == EWOULDBLOCK) {
+            // Every waiting client has been taken (or the one pending went away meanwhile).
+            outOfDescriptors_ = false;
+        } else {
             LogAcceptFail(connection.LastError().Reason());
         }
-        return;
+        return false;
     }
     KyInetAddr peer;
     if (!connection.RemoteAddress(peer)) {
         LogRemoteAddressFail();
-        return; // the socket object closes the connection
+        return true; // the socket object closes the connection
     }
     LogNewConnection(peer.AsString());
     connection.SetCloseOnDestruct(false);
     startNewConnection(connection.FileDescriptor());
+    return true;
+}
+
+bool Listener::atConnectionLimit() const {
+    return circuits_.size() >= connectionLimit_;
+}
+
+// Without descriptors the pending connection stays queued and the socket stays readable, so
+// watching it would spin. One log line per shortage, which lasts until the queue is empty.
+void Listener::stopAccepting(const KyUnixError& reason) {
+    RemoveCallback();
+    if (!outOfDescriptors_) {
+        LogAcceptFail(reason.Reason());
+        outOfDescriptors_ = true;
+    }
+}
+
+void Listener::resumeCB(KyCallback<cbdispatch>*, cbdispatch reason) {
+    resumeTimer_.armed = false;
+    if (reason == KyEvent::Fired) {
+        AddCallback();
+    }
+}
+
+void Listener::idleCB(KyCallback<cbdispatch>*, cbdispatch reason) {
+    idleTimer_.armed = false;
+    if (reason == KyEvent::Fired) {
+        closeIdleCircuits(KyTimeVal());
+    }
+}
+
+// A connection that has not sent its request within the limit is closed without a reply,
+// so silent clients cannot pin descriptors.
+void Listener::closeIdleCircuits(const KyTimeVal& now) {
+    std::vector<RequestCircuit*> expired;
+    for (const auto& circuit : circuits_) {
+        if (circuit->awaitingRequest() && circuit->acceptedAt() + idleLimit_ <= now) {
+            expired.push_back(circuit.get());
+        }
+    }
+    for (RequestCircuit* circuit : expired) {
+        circuit->closeIdle();
+    }
+    armIdleTimer();
+}
+
+// Circuits stay in accept order, so the first one still waiting is the next to expire.
+void Listener::armIdleTimer() {
+    const auto waiting = std::find_if(circuits_.begin(), circuits_.end(), [](const auto& circuit) {
+        return circuit->awaitingRequest();
+    });
+    if (waiting != circuits_.end()) {
+        arm(idleTimer_, (*waiting)->acceptedAt() + idleLimit_);
+    }
+}
+
+void Listener::arm(OwnTimer& timer, const KyTimeVal& due) {
+    if (timer.armed) {
+        return;
+    }
+    timer.due = due;
+    loop_.AddTimeoutEvent(due, &timer.callback);
+    timer.armed = true;
+}
+
+void Listener::disarm(OwnTimer& timer) {
+    if (timer.armed) {
+        // The withdrawal notice clears the flag.
+        loop_.RemoveTimeoutEvent(timer.due, &timer.callback);
+        timer.armed = false;
+    }
 }
 
 void Listener::startNewConnection(int fd) {
     circuits_.push_back(std::make_unique<RequestCircuit>(loop_, fd, this));
+    armIdleTimer();
 }
 
 void Listener::DeleteRequestCircuit(RequestCircuit* circuit) {
@@ -111,6 +247,9 @@ void Listener::DeleteRequestCircuit(RequestCircuit* circuit) {
     PendingDeletion deletion{std::make_unique<DeleteCallback>(this, &Listener::deleteCB, circuit),
                              std::move(*live)};
     circuits_.erase(live);
+    if (!registered_ && !resumeTimer_.armed && !atConnectionLimit()) {
+        AddCallback(); // a connection slot is free again after a stop at the limit
+    }
     loop_.AddTimeoutEvent(kNextPass, deletion.callback.get());
     pending_.push_back(std::move(deletion));
 }

@@ -1,22 +1,35 @@
-// Listener: the control port. It owns the listening TCP socket, accepts one connection per
-// readable event and gives each to a new RequestCircuit; circuits that have answered are
-// deleted through zero-delay timeouts, because they ask for it from inside their own callbacks.
+// Listener: the control port. It owns the listening TCP socket, accepts every pending
+// connection on each readable event and gives each to a new RequestCircuit; it closes
+// connections that stay silent too long, stops accepting while descriptors run short,
+// and deletes finished circuits through zero-delay timeouts (they ask from their own callbacks).
 #pragma once
 
 #include <cstddef>
 #include <memory>
 #include <vector>
 
+#include "lib/error.h"
 #include "lib/event.h"
 #include "lib/eventloop.h"
 #include "lib/numbers.h"
 #include "lib/socket.h"
+#include "lib/time.h"
 #include "probe/requestcircuit.h"
 
 class Listener {
 public:
     using cbdispatch = KyEvent::cbdispatch;
-    static constexpr unsigned LISTEN_BACKLOG = 5;
+    // Bursts of clients wait in the kernel's queue rather than being refused.
+    static constexpr unsigned LISTEN_BACKLOG = SOMAXCONN;
+    // How long a connection may stay silent after it was accepted.
+    static constexpr unsigned IDLE_LIMIT_MS = 10000;
+    // Test-only: milliseconds that replace IDLE_LIMIT_MS, read once when the listener is made.
+    static constexpr const char* IDLE_LIMIT_ENV = "HOSTGAUGE_IDLE_LIMIT_MS";
+    // How long accepting rests once descriptors have run out.
+    static constexpr unsigned ACCEPT_PAUSE_SECONDS = 1;
+    // Descriptors that connections leave to the rest of the daemon (log files, the load
+    // tool's pipe), so a flood of clients cannot stall the measurement.
+    static constexpr unsigned RESERVED_DESCRIPTORS = 16;
 
     explicit Listener(KyEventLoop& loop);
     ~Listener();
@@ -37,6 +50,7 @@ public:
     int fileDescriptor() const { return fd_; }
     std::size_t liveCircuits() const { return circuits_.size(); }
     std::size_t pendingDeletions() const { return pending_.size(); }
+    bool accepting() const { return registered_; }
 
 private:
     using AcceptCallback = KySimpleCallback<cbdispatch, Listener>;
@@ -46,6 +60,26 @@ private:
         std::unique_ptr<DeleteCallback> callback;
         std::unique_ptr<RequestCircuit> circuit;
     };
+    // A timeout the listener owns: at most one registration at a time, at `due`.
+    struct OwnTimer {
+        explicit OwnTimer(Listener* owner,
+                          void (Listener::*handler)(KyCallback<cbdispatch>*, cbdispatch))
+            : callback(owner, handler) {}
+        AcceptCallback callback;
+        KyTimeVal due{0, 0};
+        bool armed = false;
+    };
+
+    // False when the queue is empty or accepting has to stop for now.
+    bool acceptOne();
+    void stopAccepting(const KyUnixError& reason);
+    void resumeCB(KyCallback<cbdispatch>* callback, cbdispatch reason);
+    void idleCB(KyCallback<cbdispatch>* callback, cbdispatch reason);
+    void closeIdleCircuits(const KyTimeVal& now);
+    void armIdleTimer();
+    void arm(OwnTimer& timer, const KyTimeVal& due);
+    void disarm(OwnTimer& timer);
+    bool atConnectionLimit() const;
 
     AcceptCallback acceptCallback_;
     KyEventLoop& loop_;
@@ -54,6 +88,12 @@ private:
     bool registered_ = false;
     std::vector<std::unique_ptr<RequestCircuit>> circuits_;
     std::vector<PendingDeletion> pending_;
+    KyTimeVal idleLimit_;
+    std::size_t connectionLimit_;
+    // True from a failure for want of descriptors until the accept queue has been emptied.
+    bool outOfDescriptors_ = false;
+    OwnTimer resumeTimer_{this, &Listener::resumeCB};
+    OwnTimer idleTimer_{this, &Listener::idleCB};
 };
 
 // The probe's one control listener, made at start-up.

@@ -1,6 +1,6 @@
 // One control connection from accept to close: the request is whatever the first read that
 // reaches the minimum length brings (there is no framing), the reply is one line, and the
-// circuit then stops reading and has its Listener delete it, which closes the connection.
+// connection closes once the whole reply has been written; the object goes a pass later.
 #include "probe/requestcircuit.h"
 
 #include <algorithm>
@@ -12,13 +12,13 @@
 #include "probe/messages.h"
 
 RequestCircuit::RequestCircuit(KyEventLoop& loop, int fd, Listener* listener)
-    : KyByteCircuit(loop), reader_(fd), writer_(fd), listener_(listener) {
-    reader_.SetBlocking(false);
-    writer_.SetBlocking(false);
+    : KyByteCircuit(loop), connection_(fd), listener_(listener) {
+    connection_.SetBlocking(false);
     // A load-tool run forked while this connection is open must not hold it open too.
-    KyFile::SetCloseOnExec(fd, true);
-    input_ = &reader_;
-    output_ = &writer_;
+    connection_.SetCloseOnExec(true);
+    // One socket both ways: its writes use send() without SIGPIPE.
+    input_ = &connection_;
+    output_ = &connection_;
     WantRead();
 }
 
@@ -28,14 +28,13 @@ RequestCircuit::~RequestCircuit() {
     while (StopRead() > 0) {
     }
     StopWrite(true);
-    // Both file objects carry the one descriptor, so it is closed once.
-    reader_.Close();
+    connection_.Close();
 }
 
 void RequestCircuit::ReadAvail(KyByteBuffer& incoming) {
     if (incoming.Length() == 0) {
         long available = 0;
-        reader_.AmountAvailable(available);
+        connection_.AmountAvailable(available);
         ReadMore(static_cast<unsigned>(std::max(available, 1L)));
         return;
     }
@@ -77,8 +76,14 @@ void RequestCircuit::SendReply(const KyByteBuffer& reply, bool close) {
     text.CreateFrom(reply, KyEncodingUtf8);
     LogResponseText(text);
     Write(reply, true);
-    if (close) {
-        finish();
+    if (close && isOpen()) {
+        answered_ = true;
+        while (StopRead() > 0) {
+        }
+        // The close waits behind the reply in the queue, so a slow reader still gets all of
+        // it, and it happens the moment the last byte is written, not on a later loop pass
+        // (a zero-delay timeout waits while other connections keep the loop busy).
+        StopWrite(false);
     }
 }
 
@@ -90,8 +95,26 @@ void RequestCircuit::EndOfFile(bool) {
     finish();
 }
 
+void RequestCircuit::WriteStopped() {
+    finish();
+}
+
+void RequestCircuit::WriteError() {
+    // A peer that reset the connection: drop what is left of the reply and close now.
+    KyByteCircuit::WriteError();
+    finish();
+}
+
+void RequestCircuit::closeIdle() {
+    // Logged like an empty request, so an operator sees who holds connections open silently.
+    LogBadCommand(KyScalar<unsigned>(0), KyUniString());
+    finish();
+}
+
+// Leaves the write queue alone: this may run from inside the queue walk (WriteStopped).
 void RequestCircuit::finish() {
     while (StopRead() > 0) {
     }
+    connection_.Close();
     listener_->DeleteRequestCircuit(this);
 }

@@ -1,6 +1,6 @@
 // RequestCircuit: one accepted control connection. It collects the bytes of a single
-// request, hands them to its own ParseCommand, queues the one reply and asks its Listener
-// to delete it once the event loop is back at the top; the closed connection ends the reply.
+// request, hands them to its own ParseCommand, queues the one reply, closes the connection
+// as soon as that reply has left and then asks its Listener to delete it on a later pass.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,8 @@
 #include "lib/bytebuf.h"
 #include "lib/bytecircuit.h"
 #include "lib/eventloop.h"
-#include "lib/file.h"
+#include "lib/socket.h"
+#include "lib/time.h"
 #include "probe/parsecommand.h"
 
 class Listener;
@@ -26,6 +27,8 @@ public:
 
     void EndOfFile(bool inMiddle) override;
     void ReadAvail(KyByteBuffer& incoming) override;
+    void WriteError() override;
+    void WriteStopped() override;
 
     // True when `request` now holds a whole request; a too short one is refused here.
     bool isComplete(KyByteBuffer& request);
@@ -33,12 +36,20 @@ public:
     void SendReply(const KyByteBuffer& reply, bool close);
     void SendReply(const char* text, bool close);
 
+    // Ends a connection that has sent nothing for too long: no reply, just the close.
+    void closeIdle();
+    // Still waiting for its request: neither answered nor ended.
+    bool awaitingRequest() const { return !answered_ && isOpen(); }
+    bool isOpen() const { return connection_.FileDescriptor() >= 0; }
+    const KyTimeVal& acceptedAt() const { return accepted_; }
+
 private:
     void finish();
 
-    KyFile reader_;
-    KyFile writer_;
+    KySocket connection_;
     Listener* listener_;
+    KyTimeVal accepted_;
+    bool answered_ = false;
     KyByteBuffer request_;
     KyByteBuffer reply_;
     ParseCommand parser_;

@@ -1,0 +1,204 @@
+// End-to-end tests of the daemon against misbehaving clients: a peer that resets while a
+// large reply is queued, a slow reader of a big status report, connections that never
+// speak, and a storm of connections under a low descriptor limit.
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+
+#include "tests/e2e/daemon_fixture.h"
+
+namespace {
+
+using namespace e2e;
+
+const std::string kStatus = "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n";
+
+int connectTo(unsigned short port, int receiveBuffer = 0) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (receiveBuffer > 0) {
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    }
+    const sockaddr_in address = loopback(port);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Subscriptions that never tick (an hour's reply frequency) to one UDP port, one connection
+// each as a load balancer would make them.
+void subscribe(const Daemon& daemon, unsigned count, unsigned short udpPort) {
+    for (unsigned id = 1; id <= count; ++id) {
+        const std::string create =
+            "<cvnlbreq command=CREATE><version>1.0</version><host>127.0.0.1</host><port>" +
+            std::to_string(udpPort) +
+            "</port><samplerate>5000</samplerate><windowsize>3</windowsize><id>" +
+            std::to_string(id) +
+            "</id><replyfreq>3600000</replyfreq><percentchange>100</percentchange>"
+            "<stat>cpu</stat></cvnlbreq>";
+        ASSERT_NE(request(daemon.port(), create).find("type=\"create\""), std::string::npos)
+            << "subscription " << id;
+    }
+}
+
+std::size_t count(const std::string& text, const std::string& what) {
+    std::size_t found = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
+        ++found;
+    }
+    return found;
+}
+
+pid_t daemonPid(const Daemon& daemon) {
+    return std::stoi(readFile(daemon.dir() / "hostgauge.pid"));
+}
+
+// The daemon's own processor time (user and system) so far.
+std::chrono::milliseconds cpuTime(pid_t pid) {
+    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    long ticks = 0;
+    for (int index = 3; index <= 15 && fields >> field; ++index) {
+        if (index >= 14) {
+            ticks += std::stol(field);
+        }
+    }
+    return std::chrono::milliseconds(ticks * 1000 / ::sysconf(_SC_CLK_TCK));
+}
+
+// Reads until the daemon closes, `chunk` bytes at a time with a pause between reads.
+std::string readSlowly(int fd, std::size_t chunk, std::chrono::milliseconds pause) {
+    std::string reply;
+    std::vector<char> buffer(chunk);
+    pollfd ready{fd, POLLIN, 0};
+    while (::poll(&ready, 1, 10000) == 1) {
+        const ssize_t got = ::recv(fd, buffer.data(), buffer.size(), 0);
+        if (got <= 0) {
+            break;
+        }
+        reply.append(buffer.data(), std::size_t(got));
+        std::this_thread::sleep_for(pause);
+    }
+    return reply;
+}
+
+// True once the daemon has closed fd: end of file (or a reset) with nothing received.
+bool closedSilently(int fd) {
+    char byte;
+    const ssize_t got = ::recv(fd, &byte, 1, MSG_DONTWAIT);
+    return got == 0 || (got < 0 && errno == ECONNRESET);
+}
+
+class Hardening : public ::testing::Test {
+protected:
+    void SetUp() override { daemon_.toolPrints(toolRun(50)); }
+    Daemon daemon_;
+    Subscriber drain_; // never read: the kernel drops what does not fit
+};
+
+TEST_F(Hardening, APeerThatResetsWhileAReplyIsQueuedLeavesTheDaemonServing) {
+    ASSERT_TRUE(daemon_.startServing());
+    subscribe(daemon_, 2000, drain_.port());
+
+    for (int round = 0; round < 3; ++round) {
+        const int fd = connectTo(daemon_.port(), 4096);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::send(fd, kStatus.data(), kStatus.size(), 0), ssize_t(kStatus.size()));
+        // Half-closed first, as `nc -N` does: the reset then turns the daemon's next write
+        // into EPIPE, which would raise SIGPIPE.
+        ::shutdown(fd, SHUT_WR);
+        std::this_thread::sleep_for(300ms); // the report is written as far as the peer takes
+        const linger abort{1, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+        ::close(fd); // a reset, with most of the report still queued
+        std::this_thread::sleep_for(100ms);
+    }
+
+    const std::string report = request(daemon_.port(), kStatus);
+    EXPECT_EQ(count(report, "<connection>"), 2000u);
+    EXPECT_EQ(::kill(daemonPid(daemon_), 0), 0) << "still running";
+    EXPECT_EQ(daemon_.log().find("Hostgauge stopped"), std::string::npos);
+}
+
+TEST_F(Hardening, ASlowReaderGetsTheWholeReportOfTenThousandSubscriptions) {
+    ASSERT_TRUE(daemon_.startServing());
+    subscribe(daemon_, 10000, drain_.port());
+
+    const int fd = connectTo(daemon_.port(), 8192);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::send(fd, kStatus.data(), kStatus.size(), 0), ssize_t(kStatus.size()));
+    const std::string report = readSlowly(fd, 32768, 5ms);
+    ::close(fd);
+    EXPECT_EQ(count(report, "<connection>"), 10000u);
+    EXPECT_EQ(report.rfind("</connection></cvnlbreply>"), report.size() - 26)
+        << "ends with " << report.substr(report.size() > 80 ? report.size() - 80 : 0);
+}
+
+TEST_F(Hardening, SilentConnectionsAreClosedAfterTheIdleLimitWhileOthersAreServed) {
+    daemon_.setEnv("HOSTGAUGE_IDLE_LIMIT_MS", "1500");
+    ASSERT_TRUE(daemon_.startServing());
+
+    std::vector<int> silent;
+    for (int i = 0; i < 200; ++i) {
+        silent.push_back(connectTo(daemon_.port()));
+        ASSERT_GE(silent.back(), 0);
+    }
+    const auto opened = std::chrono::steady_clock::now();
+    EXPECT_NE(request(daemon_.port(), kStatus).find("</cvnlbreply>"), std::string::npos)
+        << "served while 200 connections sit idle";
+    std::this_thread::sleep_for(500ms);
+    EXPECT_FALSE(closedSilently(silent.front())) << "not before the limit";
+
+    EXPECT_TRUE(waitFor([&] { return std::all_of(silent.begin(), silent.end(), closedSilently); }));
+    EXPECT_GT(std::chrono::steady_clock::now() - opened, 1400ms);
+    for (int fd : silent) {
+        ::close(fd);
+    }
+    // One line per silent connection, with the empty request.
+    EXPECT_TRUE(waitFor([&] { return count(daemon_.log(), "Bad request (length 0)") == 200; }));
+    EXPECT_NE(request(daemon_.port(), kStatus).find("</cvnlbreply>"), std::string::npos);
+}
+
+TEST_F(Hardening, AConnectionStormUnderALowDescriptorLimitNeitherSpinsNorFloodsTheLog) {
+    // The daemon inherits a soft limit of 64 descriptors; this process gets its own back.
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    rlimit low = saved;
+    low.rlim_cur = 64;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    daemon_.start();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+    ASSERT_TRUE(
+        waitFor([&] { return fs::exists(daemon_.dir() / "hostgauge.pid"); }, kStartDeadline));
+    const pid_t pid = daemonPid(daemon_);
+
+    const auto before = cpuTime(pid);
+    std::vector<int> storm;
+    for (int i = 0; i < 300; ++i) {
+        const int fd = connectTo(daemon_.port());
+        if (fd >= 0) {
+            storm.push_back(fd);
+        }
+    }
+    EXPECT_GT(storm.size(), 200u) << "the kernel queues what the daemon cannot take";
+    std::this_thread::sleep_for(3s);
+    const auto spent = cpuTime(pid) - before;
+    EXPECT_LT(spent, 500ms) << "out of descriptors for three seconds";
+    EXPECT_EQ(count(daemon_.log(), "Failed to accept new connection"), 1u);
+    EXPECT_NE(daemon_.log().find("Too many open files"), std::string::npos);
+
+    for (int fd : storm) {
+        ::close(fd);
+    }
+    std::string report;
+    EXPECT_TRUE(waitFor([&] {
+        report = request(daemon_.port(), kStatus);
+        return report.find("</cvnlbreply>") != std::string::npos;
+    })) << "served again once the storm is gone";
+    EXPECT_EQ(::kill(pid, 0), 0);
+    EXPECT_EQ(daemon_.log().find("Hostgauge stopped"), std::string::npos);
+}
+
+} // namespace
