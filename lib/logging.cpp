@@ -216,6 +216,14 @@ bool KyLog::JsGen(unsigned messageNumber) {
 }
 
 void KyLog::JserverLog(unsigned messageNumber, KyUniString const& text) {
+    if (JsGen(messageNumber)) {
+        JserverLogUtf8(messageNumber, text.AsUtf8());
+    } else {
+        ++State().calls; // the record count includes unrouted messages
+    }
+}
+
+void KyLog::JserverLogUtf8(unsigned messageNumber, std::string_view utf8) {
     LogState& state = State();
     ++state.calls;
     if (messageNumber >= state.lookup.size()) {
@@ -227,7 +235,6 @@ void KyLog::JserverLog(unsigned messageNumber, KyUniString const& text) {
     }
     const KyTimeVal now;
     const std::string_view time = state.timeFormat.Format(now);
-    const std::string utf8 = text.AsUtf8();
     std::string plain;
     std::string structured;
     for (JsLogFile* file : action.Destinations()) {

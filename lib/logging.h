@@ -42,6 +42,8 @@ public:
     static bool JsGen(unsigned messageNumber);
     // Writes one record of the message to each of its destinations.
     static void JserverLog(unsigned messageNumber, KyUniString const& text);
+    // The same for text already in UTF-8, so large texts are encoded only once.
+    static void JserverLogUtf8(unsigned messageNumber, std::string_view utf8);
 
     static void Flush();
     // Reopens every file destination at its path, so moved-away logs start afresh.

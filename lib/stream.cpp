@@ -1,13 +1,14 @@
 // Text building for KyOSStream and the log framework's time form. Every insertion widens
-// or copies straight into the stream's own storage: narrow text that is plain ASCII is
-// widened in the same pass that checks it, and only other text goes through the UTF-8
-// decoder.
+// or copies straight into the stream's own storage; narrow text is decoded in place by
+// the UTF-8 decoder, whose ASCII path is a plain widening copy.
 #include "lib/stream.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+
+#include "lib/codeset/utf8.h"
 
 namespace {
 
@@ -55,19 +56,16 @@ KyOSStream& KyOSStream::AppendUnits(std::u16string_view units) {
 KyOSStream& KyOSStream::operator<<(std::string_view utf8) {
     if (utf8.empty())
         return *this;
+    // Decoding never gives more units than bytes, so the text grows once and is cut back.
     const std::uint32_t before = text_.Length();
     char16_t* out = Grow(utf8.size());
     if (out == nullptr)
         return *this;
-    unsigned char high = 0;
-    for (const char c : utf8) {
-        high |= static_cast<unsigned char>(c);
-        *out++ = static_cast<unsigned char>(c);
-    }
-    if ((high & 0x80) == 0)
-        return *this;
-    text_.Truncate(before);
-    return AppendUnits(KyUniString(utf8).View());
+    const auto* bytes = reinterpret_cast<const unsigned char*>(utf8.data());
+    const std::size_t units = KyUtf8::Decode({bytes, utf8.size()}, out);
+    if (units < utf8.size())
+        text_.Truncate(before + static_cast<std::uint32_t>(units));
+    return *this;
 }
 
 KyOSStream& KyOSStream::AppendAscii(std::string_view ascii) {

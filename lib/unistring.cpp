@@ -91,9 +91,8 @@ KyStatus KyUniString::Set(std::uint32_t i, char16_t unit) {
 }
 
 std::string KyUniString::AsUtf8() const {
-    std::string out(KyUtf8::MaxEncodedLength(Length()), '\0');
-    const std::size_t n = KyUtf8::Encode(View(), reinterpret_cast<unsigned char*>(out.data()));
-    out.resize(n);
+    std::string out;
+    KyUtf8::AppendEncoded(View(), out);
     return out;
 }
 

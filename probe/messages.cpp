@@ -1,21 +1,38 @@
 // The 43 catalogue messages. Each function checks that the logger wants its number,
-// builds the text in a KyOSStream from the literal pieces and the values, and hands it
-// to the framework, which routes it by the category in probe/logging.cpp.
+// builds the text in UTF-8 from the literal pieces and the values, and hands it to the
+// framework, which routes it by the category in probe/logging.cpp. Texts are encoded
+// once, straight into the record text: a response can be a multi-megabyte report.
 #include "probe/messages.h"
 
-#include "lib/stream.h"
+#include <charconv>
+#include <string>
+
+#include "lib/codeset/utf8.h"
 #include "probe/logging.h"
 
 namespace {
+
+void AppendPart(std::string& out, const char* literal) {
+    out.append(literal);
+}
+void AppendPart(std::string& out, KyUniString const& text) {
+    KyUtf8::AppendEncoded(text.View(), out);
+}
+template <typename T>
+void AppendPart(std::string& out, KyScalar<T> number) {
+    char digits[24];
+    const auto result = std::to_chars(digits, digits + sizeof digits, number.Value());
+    out.append(digits, result.ptr);
+}
 
 template <typename... Parts>
 void Emit(unsigned number, Parts const&... parts) {
     if (!mylog.Gen(number)) {
         return;
     }
-    KyOSStream text;
-    (text << ... << parts);
-    KyLog::JserverLog(number, text.Str());
+    std::string text;
+    (AppendPart(text, parts), ...);
+    KyLog::JserverLogUtf8(number, text);
 }
 
 } // namespace

@@ -17,16 +17,23 @@ struct Encoding {
     std::size_t (*decode)(std::span<const unsigned char>, char16_t*);
     std::size_t (*encode)(std::u16string_view, unsigned char*);
     bool (*isValid)(std::span<const unsigned char>);
-    std::size_t maxBytesPerUnit;
+    // The exact output size, so the result is allocated once at its final length.
+    std::size_t (*encodedLength)(std::u16string_view);
 };
+
+std::size_t OneBytePerUnit(std::u16string_view in) {
+    return in.size();
+}
 
 constexpr std::string_view AsciiNames[] = {"US-ASCII", "ASCII", "ANSI_X3.4-1968", "ISO646-US",
                                            "646"};
 constexpr std::string_view Utf8Names[] = {"UTF-8", "UNICODE-1-1-UTF-8", "UTF8"};
 
 constexpr std::array<Encoding, 2> Table = {{
-    {KyEncodingUsAscii, AsciiNames, KyAscii::Decode, KyAscii::Encode, KyAscii::IsValid, 1},
-    {KyEncodingUtf8, Utf8Names, KyUtf8::Decode, KyUtf8::Encode, KyUtf8::IsValid, 3},
+    {KyEncodingUsAscii, AsciiNames, KyAscii::Decode, KyAscii::Encode, KyAscii::IsValid,
+     OneBytePerUnit},
+    {KyEncodingUtf8, Utf8Names, KyUtf8::Decode, KyUtf8::Encode, KyUtf8::IsValid,
+     KyUtf8::EncodedLength},
 }};
 
 const Encoding* Find(int id) {
@@ -86,8 +93,8 @@ KyStatus KyCodesetConverter::Encode(int id, std::u16string_view in, KyByteBuffer
         return Failure;
     KyByteBuffer bytes;
     if (!in.empty()) {
-        if (bytes.Extend(static_cast<std::uint32_t>(in.size() * encoding->maxBytesPerUnit)) !=
-            Success)
+        const std::size_t length = encoding->encodedLength(in);
+        if (length > UINT32_MAX || bytes.Extend(static_cast<std::uint32_t>(length)) != Success)
             return Failure;
         const std::size_t count = encoding->encode(in, bytes.Data());
         bytes.Truncate(static_cast<std::uint32_t>(count));

@@ -1,7 +1,10 @@
 // UTF-8 codec: a strict decoder (well-formed sequences per the Unicode table of valid
 // second bytes) that replaces each maximal ill-formed subsequence by U+FFFD, and an
-// encoder that joins surrogate pairs into four-byte sequences.
+// encoder that joins surrogate pairs into four-byte sequences. Both run through plain
+// ASCII a unit at a time without the general sequence logic: replies and logs are ASCII.
 #include "lib/codeset/utf8.h"
+
+#include <iterator>
 
 namespace {
 
@@ -74,6 +77,53 @@ bool IsLowSurrogate(char16_t unit) {
     return unit >= 0xDC00 && unit <= 0xDFFF;
 }
 
+// Plain ASCII moves a fixed-size chunk at a time: a branch-free test and copy of a known
+// length that the compiler turns into vector instructions.
+constexpr std::size_t Chunk = 16;
+
+template <typename Unit>
+bool AsciiChunk(const Unit* at) {
+    unsigned bits = 0;
+    for (std::size_t k = 0; k < Chunk; ++k)
+        bits |= at[k];
+    return bits < 0x80;
+}
+
+template <typename From, typename To>
+void CopyChunk(const From* from, To* to) {
+    for (std::size_t k = 0; k < Chunk; ++k)
+        to[k] = static_cast<To>(from[k]);
+}
+
+// Bytes for the unit at in[i] and how many units it takes (2 for a surrogate pair).
+struct UnitCost {
+    std::size_t bytes;
+    std::size_t units;
+};
+
+UnitCost CostAt(std::u16string_view in, std::size_t i) {
+    const char16_t unit = in[i];
+    if (unit < 0x80)
+        return {1, 1};
+    if (unit < 0x800)
+        return {2, 1};
+    if (IsHighSurrogate(unit) && i + 1 < in.size() && IsLowSurrogate(in[i + 1]))
+        return {4, 2};
+    return {3, 1}; // lone surrogates become U+FFFD, three bytes like the rest
+}
+
+// Encodes the unit (or pair) at in[i]; gives the units it consumed.
+std::size_t PutUnit(std::u16string_view in, std::size_t i, unsigned char*& out) {
+    const char16_t unit = in[i];
+    if (IsHighSurrogate(unit) && i + 1 < in.size() && IsLowSurrogate(in[i + 1])) {
+        out = Put(out, 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (in[i + 1] - 0xDC00));
+        return 2;
+    }
+    const bool lone = IsHighSurrogate(unit) || IsLowSurrogate(unit);
+    out = Put(out, lone ? Replacement : unit);
+    return 1;
+}
+
 } // namespace
 
 namespace KyUtf8 {
@@ -82,7 +132,13 @@ std::size_t Decode(std::span<const unsigned char> in, char16_t* out) {
     char16_t* const start = out;
     std::size_t i = 0;
     while (i < in.size()) {
-        if (in[i] < 0x80) { // plain ASCII is the common case
+        if (i + Chunk <= in.size() && AsciiChunk(in.data() + i)) {
+            CopyChunk(in.data() + i, out);
+            i += Chunk;
+            out += Chunk;
+            continue;
+        }
+        if (in[i] < 0x80) {
             *out++ = in[i++];
             continue;
         }
@@ -101,18 +157,58 @@ std::size_t Decode(std::span<const unsigned char> in, char16_t* out) {
 
 std::size_t Encode(std::u16string_view in, unsigned char* out) {
     unsigned char* const start = out;
-    for (std::size_t i = 0; i < in.size(); ++i) {
-        const char16_t unit = in[i];
-        if (IsHighSurrogate(unit) && i + 1 < in.size() && IsLowSurrogate(in[i + 1])) {
-            const char32_t cp = 0x10000 + ((char32_t{unit} - 0xD800) << 10) + (in[i + 1] - 0xDC00);
-            out = Put(out, cp);
-            ++i;
+    std::size_t i = 0;
+    while (i < in.size()) {
+        if (i + Chunk <= in.size() && AsciiChunk(in.data() + i)) {
+            CopyChunk(in.data() + i, out);
+            i += Chunk;
+            out += Chunk;
+        } else if (in[i] < 0x80) {
+            *out++ = static_cast<unsigned char>(in[i++]);
         } else {
-            const bool lone = IsHighSurrogate(unit) || IsLowSurrogate(unit);
-            out = Put(out, lone ? Replacement : unit);
+            i += PutUnit(in, i, out);
         }
     }
     return static_cast<std::size_t>(out - start);
+}
+
+std::size_t EncodedLength(std::u16string_view in) {
+    std::size_t bytes = 0;
+    std::size_t i = 0;
+    while (i < in.size()) {
+        if (i + Chunk <= in.size() && AsciiChunk(in.data() + i)) {
+            bytes += Chunk;
+            i += Chunk;
+            continue;
+        }
+        const UnitCost cost = CostAt(in, i);
+        bytes += cost.bytes;
+        i += cost.units;
+    }
+    return bytes;
+}
+
+void AppendEncoded(std::u16string_view in, std::string& out) {
+    out.reserve(out.size() + EncodedLength(in));
+    // Encoding goes through a cache-sized stack block: std::string cannot grow without
+    // zero-filling, and appending a block at a time keeps it to one copy.
+    unsigned char block[4096];
+    std::size_t i = 0;
+    while (i < in.size()) {
+        unsigned char* put = block;
+        while (i < in.size() && put + Chunk <= std::end(block)) {
+            if (i + Chunk <= in.size() && AsciiChunk(in.data() + i)) {
+                CopyChunk(in.data() + i, put);
+                i += Chunk;
+                put += Chunk;
+            } else if (in[i] < 0x80) {
+                *put++ = static_cast<unsigned char>(in[i++]);
+            } else {
+                i += PutUnit(in, i, put);
+            }
+        }
+        out.append(reinterpret_cast<const char*>(block), static_cast<std::size_t>(put - block));
+    }
 }
 
 bool IsValid(std::span<const unsigned char> in) {

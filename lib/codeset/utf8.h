@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <span>
+#include <string>
 #include <string_view>
 
 namespace KyUtf8 {
@@ -15,6 +16,10 @@ namespace KyUtf8 {
 std::size_t Decode(std::span<const unsigned char> in, char16_t* out);
 // Output needs room for MaxEncodedLength(in.size()) bytes; returns the bytes written.
 std::size_t Encode(std::u16string_view in, unsigned char* out);
+// The exact byte count Encode gives for these units, so callers size output once.
+std::size_t EncodedLength(std::u16string_view in);
+// Appends the encoded units to `out` without zero-filling a worst-case block first.
+void AppendEncoded(std::u16string_view in, std::string& out);
 constexpr std::size_t MaxEncodedLength(std::size_t units) {
     return units * 3;
 }
