@@ -63,6 +63,32 @@ TEST(Utf8, SurrogatePairsAndLoneSurrogates) {
     EXPECT_TRUE(Valid("\xF0\x9F\x98\x80 \xC3\xA9"));
 }
 
+// Long ASCII runs take a chunked path; a multi-byte form or a surrogate pair straddling a
+// chunk edge, or a tail shorter than a chunk, must come out as the unit-by-unit codec's.
+TEST(Utf8, LongTextsAroundChunkEdges) {
+    for (std::size_t at = 0; at < 40; ++at) {
+        for (std::u16string_view odd : {u"\u00E9", u"\u20AC", u"\xD83D\xDE00", u"\xDE00"}) {
+            std::u16string text(at, u'x');
+            text.append(odd).append(std::u16string(37, u'y'));
+            const std::string bytes = Encode(text);
+            EXPECT_EQ(KyUtf8::EncodedLength(text), bytes.size()) << at;
+            std::string appended = "<";
+            KyUtf8::AppendEncoded(text, appended);
+            EXPECT_EQ(appended.substr(1), bytes) << at;
+            std::u16string back = text;
+            if (odd == u"\xDE00")
+                back[at] = u'\uFFFD';
+            EXPECT_EQ(Decode(bytes), back) << at;
+        }
+    }
+    std::u16string big(10000, u'a');
+    big[9999] = u'\u00E9';
+    std::string out;
+    KyUtf8::AppendEncoded(big, out);
+    EXPECT_EQ(out.size(), 10001u);
+    EXPECT_EQ(out.substr(9998), "a\xC3\xA9");
+}
+
 TEST(Ascii, StandInsForWhatDoesNotFit) {
     const unsigned char bytes[] = {'A', 0x7F, 0x80, 0xFF};
     char16_t units[4];
