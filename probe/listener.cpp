@@ -62,12 +62,11 @@ Listener::~Listener() {
     if (fd_ != -1) {
         socket_.Close();
     }
-    // Withdrawing a timeout runs deleteCB once more, which frees its circuit and itself.
-    while (!pending_.empty()) {
-        if (!loop_.RemoveTimeoutEvent(kNextPass, pending_.back().callback.get())) {
-            pending_.pop_back();
-        }
+    // Withdrawing the timeout runs deleteCB once more, which frees the pending circuits.
+    if (deletionArmed_) {
+        loop_.RemoveTimeoutEvent(kNextPass, &deleteCallback_);
     }
+    pending_.clear();
 }
 
 KyStatus Listener::startListener(int port) {
@@ -118,6 +117,9 @@ void Listener::acceptCB(KyCallback<cbdispatch>*, cbdispatch reason) {
     if (reason != KyEvent::Fired) {
         return;
     }
+    // No circuit is on the call stack here, and under steady load the zero-delay timeout
+    // would wait: finished circuits go now.
+    pending_.clear();
     // Timeouts fire only when the loop is idle; a steady stream of clients must not keep
     // silent connections open past their limit.
     if (idleTimer_.armed && idleTimer_.due <= KyTimeVal()) {
@@ -159,7 +161,7 @@ bool Listener::acceptOne() {
     }
     LogNewConnection(peer.AsString());
     connection.SetCloseOnDestruct(false);
-    startNewConnection(connection.FileDescriptor());
+    startNewConnection(connection.FileDescriptor(), true);
     return true;
 }
 
@@ -233,8 +235,8 @@ void Listener::disarm(OwnTimer& timer) {
     }
 }
 
-void Listener::startNewConnection(int fd) {
-    circuits_.push_back(std::make_unique<RequestCircuit>(loop_, fd, this));
+void Listener::startNewConnection(int fd, bool prepared) {
+    circuits_.push_back(std::make_unique<RequestCircuit>(loop_, fd, this, prepared));
     armIdleTimer();
 }
 
@@ -244,23 +246,19 @@ void Listener::DeleteRequestCircuit(RequestCircuit* circuit) {
     if (live == circuits_.end()) {
         return; // already on its way out
     }
-    PendingDeletion deletion{std::make_unique<DeleteCallback>(this, &Listener::deleteCB, circuit),
-                             std::move(*live)};
+    pending_.push_back(std::move(*live));
     circuits_.erase(live);
     if (!registered_ && !resumeTimer_.armed && !atConnectionLimit()) {
         AddCallback(); // a connection slot is free again after a stop at the limit
     }
-    loop_.AddTimeoutEvent(kNextPass, deletion.callback.get());
-    pending_.push_back(std::move(deletion));
+    if (!deletionArmed_) {
+        loop_.AddTimeoutEvent(kNextPass, &deleteCallback_);
+        deletionArmed_ = true;
+    }
 }
 
-void Listener::deleteCB(KyCallback<cbdispatch>* callback, cbdispatch, RequestCircuit*) {
-    // Whatever the reason, the circuit goes and so does the callback that carried it; the
-    // callback is still running, but nothing of it is touched after this returns.
-    const auto entry = std::find_if(pending_.begin(), pending_.end(), [callback](const auto& p) {
-        return p.callback.get() == callback;
-    });
-    if (entry != pending_.end()) {
-        pending_.erase(entry);
-    }
+void Listener::deleteCB(KyCallback<cbdispatch>*, cbdispatch, RequestCircuit*) {
+    // Whatever the reason, every circuit waiting for deletion goes.
+    deletionArmed_ = false;
+    pending_.clear();
 }

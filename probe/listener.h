@@ -42,8 +42,10 @@ public:
     void RemoveCallback();
 
     void acceptCB(KyCallback<cbdispatch>* callback, cbdispatch reason);
-    void startNewConnection(int fd);
-    // Takes the circuit out of the live list; it is deleted on the loop's next pass.
+    // `prepared`: fd was accepted non-blocking and close-on-exec.
+    void startNewConnection(int fd, bool prepared = false);
+    // Takes the circuit out of the live list; it is deleted on the loop's next pass (all
+    // circuits waiting then go through one zero-delay timeout, or at the next accept).
     void DeleteRequestCircuit(RequestCircuit* circuit);
     void deleteCB(KyCallback<cbdispatch>* callback, cbdispatch reason, RequestCircuit* circuit);
 
@@ -55,11 +57,6 @@ public:
 private:
     using AcceptCallback = KySimpleCallback<cbdispatch, Listener>;
     using DeleteCallback = KyCallbackWithData<cbdispatch, Listener, RequestCircuit*>;
-    // A circuit on its way out with the timeout that carries it; the circuit goes first.
-    struct PendingDeletion {
-        std::unique_ptr<DeleteCallback> callback;
-        std::unique_ptr<RequestCircuit> circuit;
-    };
     // A timeout the listener owns: at most one registration at a time, at `due`.
     struct OwnTimer {
         explicit OwnTimer(Listener* owner,
@@ -87,7 +84,10 @@ private:
     int fd_ = -1;
     bool registered_ = false;
     std::vector<std::unique_ptr<RequestCircuit>> circuits_;
-    std::vector<PendingDeletion> pending_;
+    std::vector<std::unique_ptr<RequestCircuit>> pending_;
+    // The one zero-delay timeout that deletes every pending circuit; its datum is unused.
+    DeleteCallback deleteCallback_{this, &Listener::deleteCB, nullptr};
+    bool deletionArmed_ = false;
     KyTimeVal idleLimit_;
     std::size_t connectionLimit_;
     // True from a failure for want of descriptors until the accept queue has been emptied.

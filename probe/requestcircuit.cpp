@@ -11,11 +11,13 @@
 #include "probe/listener.h"
 #include "probe/messages.h"
 
-RequestCircuit::RequestCircuit(KyEventLoop& loop, int fd, Listener* listener)
+RequestCircuit::RequestCircuit(KyEventLoop& loop, int fd, Listener* listener, bool prepared)
     : KyByteCircuit(loop), connection_(fd), listener_(listener) {
-    connection_.SetBlocking(false);
-    // A load-tool run forked while this connection is open must not hold it open too.
-    connection_.SetCloseOnExec(true);
+    if (!prepared) {
+        connection_.SetBlocking(false);
+        // A load-tool run forked while this connection is open must not hold it open too.
+        connection_.SetCloseOnExec(true);
+    }
     // One socket both ways: its writes use send() without SIGPIPE.
     input_ = &connection_;
     output_ = &connection_;

@@ -21,8 +21,9 @@ public:
     static constexpr const char* BAD_REQUEST_MESSAGE =
         "Message is either too short or too long to be valid";
 
-    // Takes over the connected descriptor fd and starts reading from it.
-    RequestCircuit(KyEventLoop& loop, int fd, Listener* listener);
+    // Takes over the connected descriptor fd and starts reading from it. `prepared` says fd
+    // is already non-blocking and close-on-exec (accepted so), which saves four system calls.
+    RequestCircuit(KyEventLoop& loop, int fd, Listener* listener, bool prepared = false);
     ~RequestCircuit() override;
 
     void EndOfFile(bool inMiddle) override;
