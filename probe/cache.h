@@ -9,10 +9,11 @@
 #include <deque>
 #include <memory>
 
-// One sample as the load tool reported it: memory in Kb, swap counts per interval.
-class CacheObject {
+// The five figures of one load reading, in the order they travel: idle percent, free
+// virtual and physical memory, pages swapped in and out.
+class LoadFigures {
 public:
-    CacheObject(unsigned int idle, unsigned int virtualMemFree, unsigned int physMemFree,
+    LoadFigures(unsigned int idle, unsigned int virtualMemFree, unsigned int physMemFree,
                 unsigned int swappedIn, unsigned int swappedOut)
         : idle_(idle), virtualMemFree_(virtualMemFree), physMemFree_(physMemFree),
           swappedIn_(swappedIn), swappedOut_(swappedOut) {}
@@ -31,26 +32,16 @@ private:
     std::uint32_t swappedOut_;
 };
 
-// An averaged sample as it goes out to a host: memory in Mb.
-class StatsPacket {
+// One sample as the load tool reported it: memory in Kb, swap counts per interval.
+class CacheObject : public LoadFigures {
 public:
-    StatsPacket(unsigned int idle, unsigned int virtualMemFree, unsigned int physMemFree,
-                unsigned int swappedIn, unsigned int swappedOut)
-        : idle_(idle), virtualMemFree_(virtualMemFree), physMemFree_(physMemFree),
-          swappedIn_(swappedIn), swappedOut_(swappedOut) {}
+    using LoadFigures::LoadFigures;
+};
 
-    unsigned int getIdle() const { return idle_; }
-    unsigned int getVirtualMemFree() const { return virtualMemFree_; }
-    unsigned int getPhysMemFree() const { return physMemFree_; }
-    unsigned int getSwappedIn() const { return swappedIn_; }
-    unsigned int getSwappedOut() const { return swappedOut_; }
-
-private:
-    std::uint32_t idle_;
-    std::uint32_t virtualMemFree_;
-    std::uint32_t physMemFree_;
-    std::uint32_t swappedIn_;
-    std::uint32_t swappedOut_;
+// An averaged sample as it goes out to a host: memory in Mb.
+class StatsPacket : public LoadFigures {
+public:
+    using LoadFigures::LoadFigures;
 };
 
 class Cache {
