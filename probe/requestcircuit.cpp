@@ -69,14 +69,21 @@ void RequestCircuit::DispatchRequest(KyByteBuffer& request) {
     KyUniString text;
     text.CreateFrom(request, KyEncodingUtf8);
     const KyUniString reply = parser_.doCommand(text).Str();
+    // Logged from the text in hand: a status report runs to megabytes, and decoding its
+    // bytes again only to log them doubled the cost of answering.
+    LogResponseText(reply);
     reply_ = reply.AsEncoding(KyEncodingUtf8);
-    SendReply(reply_, true);
+    QueueReply(reply_, true);
 }
 
 void RequestCircuit::SendReply(const KyByteBuffer& reply, bool close) {
     KyUniString text;
     text.CreateFrom(reply, KyEncodingUtf8);
     LogResponseText(text);
+    QueueReply(reply, close);
+}
+
+void RequestCircuit::QueueReply(const KyByteBuffer& reply, bool close) {
     Write(reply, true);
     if (close && isOpen()) {
         answered_ = true;

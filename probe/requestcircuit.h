@@ -36,6 +36,7 @@ public:
     void DispatchRequest(KyByteBuffer& request);
     void SendReply(const KyByteBuffer& reply, bool close);
     void SendReply(const char* text, bool close);
+    void QueueReply(const KyByteBuffer& reply, bool close);
 
     // Ends a connection that has sent nothing for too long: no reply, just the close.
     void closeIdle();
