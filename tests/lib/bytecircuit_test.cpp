@@ -16,14 +16,9 @@
 #include "lib/bytecircuit.h"
 #include "lib/eventloop.h"
 #include "lib/process.h"
+#include "tests/lib/loopcall.h"
 
 namespace {
-
-struct Call : KyCallback<KyEvent::cbdispatch> {
-    explicit Call(std::function<void(int)> f) : run(std::move(f)) {}
-    void Dispatch(int reason) override { run(reason); }
-    std::function<void(int)> run;
-};
 
 // Records every notice; by default reads whatever arrives into `received`.
 class Circuit : public KyByteCircuit {
@@ -82,14 +77,7 @@ protected:
             if (f >= 0)
                 close(f);
     }
-    // Runs the loop until a callback ends it; a regression ends it after two seconds.
-    int Run() {
-        KyTimeVal limit = KyTimeVal() + KyTimeVal(2, 0);
-        loop.AddTimeoutEvent(limit, &guard);
-        const int code = loop.EnterEventLoop();
-        loop.RemoveTimeoutEvent(limit, &guard);
-        return code;
-    }
+    int Run() { return RunGuarded(loop); }
     void Stop() { loop.ExitEventLoop(0); }
     // For outcomes that no callback announces: end the next run after a while.
     void StopAfter(std::uint32_t micros) {
@@ -98,11 +86,7 @@ protected:
 
     KyUnixProcess process;
     KyEventLoop loop{&process};
-    Call guard{[this](int reason) {
-        if (reason == KyEvent::Fired)
-            loop.ExitEventLoop(99);
-    }};
-    Call stopper{[this](int reason) {
+    Call<> stopper{[this](int reason) {
         if (reason == KyEvent::Fired)
             Stop();
     }};

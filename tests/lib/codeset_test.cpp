@@ -100,13 +100,10 @@ TEST(Ascii, StandInsForWhatDoesNotFit) {
     EXPECT_FALSE(KyAscii::IsValid(bytes));
 }
 
-TEST(Converter, LocaleCodeSets) {
+TEST(SysEncoding, FollowsTheLocaleForEveryPurpose) {
     EXPECT_EQ(KyCodesetConverter::EncodingForLocale("ANSI_X3.4-1968"), KyEncodingUsAscii);
     EXPECT_EQ(KyCodesetConverter::EncodingForLocale("utf-8"), KyEncodingUtf8);
     EXPECT_EQ(KyCodesetConverter::EncodingForLocale("ISO-8859-15"), KyEncodingUtf8);
-}
-
-TEST(SysEncoding, FollowsTheLocaleForEveryPurpose) {
     setenv("LC_ALL", "C", 1);
     KySysEncoding plain;
     EXPECT_EQ(plain.FileSystem(), KyEncodingUsAscii);

@@ -1,6 +1,7 @@
 // The event loop with real descriptors, timeouts and signals: ordering of timeouts,
 // withdrawal, dispatch while registrations change, bad descriptors and leaving.
 #include "lib/eventloop.h"
+#include "tests/lib/loopcall.h"
 
 #include <csignal>
 #include <functional>
@@ -11,12 +12,6 @@
 #include <vector>
 
 namespace {
-
-struct Call : KyCallback<KyEvent::cbdispatch> {
-    explicit Call(std::function<void(int)> f) : run(std::move(f)) {}
-    void Dispatch(int reason) override { run(reason); }
-    std::function<void(int)> run;
-};
 
 KyTimeVal In(std::uint32_t micros) {
     return KyTimeVal() + KyTimeVal(0, micros);
@@ -40,7 +35,7 @@ protected:
     void Guard(int seconds = 2) { loop.AddTimeoutEvent(In(seconds * 1000000u), &guard); }
     KyUnixProcess process;
     KyEventLoop loop{&process};
-    Call guard{[this](int reason) {
+    Call<> guard{[this](int reason) {
         if (reason == KyEvent::Fired)
             loop.ExitEventLoop(99);
     }};
@@ -49,9 +44,9 @@ protected:
 TEST_F(EventLoopTest, TimeoutsFireEarliestFirstAndOnePerPass) {
     std::vector<std::string> fired;
     std::vector<std::size_t> pendingWhenFired;
-    Call a{[&](int) { fired.push_back("a"), pendingWhenFired.push_back(loop.TimeoutCount()); }};
-    Call b{[&](int) { fired.push_back("b"), pendingWhenFired.push_back(loop.TimeoutCount()); }};
-    Call c{[&](int) { fired.push_back("c"), loop.ExitEventLoop(0); }};
+    Call<> a{[&](int) { fired.push_back("a"), pendingWhenFired.push_back(loop.TimeoutCount()); }};
+    Call<> b{[&](int) { fired.push_back("b"), pendingWhenFired.push_back(loop.TimeoutCount()); }};
+    Call<> c{[&](int) { fired.push_back("c"), loop.ExitEventLoop(0); }};
     KyTimeVal past(1, 0); // long due: waits 0 ms
     loop.AddTimeoutEvent(In(30000), &c);
     loop.AddTimeoutEvent(past, &a);
@@ -67,8 +62,8 @@ TEST_F(EventLoopTest, TimeoutsFireEarliestFirstAndOnePerPass) {
 
 TEST_F(EventLoopTest, RemoveTimeoutNeedsExactTimeAndCallback) {
     std::vector<int> reasons;
-    Call owner{[&](int reason) { reasons.push_back(reason); }};
-    Call other{[](int) {}};
+    Call<> owner{[&](int reason) { reasons.push_back(reason); }};
+    Call<> other{[](int) {}};
     KyTimeVal when(2000000000, 500);
     loop.AddTimeoutEvent(when, &owner);
 
@@ -87,10 +82,10 @@ TEST_F(EventLoopTest, CallbackChangesRegistrationsDuringDispatch) {
     ASSERT_EQ(write(first.fd[1], "x", 1), 1);
     ASSERT_EQ(write(second.fd[1], "y", 1), 1);
     int writes = 0, secondReads = 0, firstReads = 0;
-    Call onWrite{[&](int) { ++writes; }};
-    Call onSecond{[&](int) { ++secondReads; }};
+    Call<> onWrite{[&](int) { ++writes; }};
+    Call<> onSecond{[&](int) { ++secondReads; }};
     // Reading the first descriptor withdraws its own write and the whole second entry.
-    Call onFirst{[&](int) {
+    Call<> onFirst{[&](int) {
         ++firstReads;
         loop.RemoveFileEvent(first.fd[0], false, true, nullptr);
         loop.RemoveFileEvent(second.fd[0], true, false, nullptr);
@@ -115,8 +110,8 @@ TEST_F(EventLoopTest, ReadAndWriteBothDispatchedInOnePass) {
     SocketPair pair;
     ASSERT_EQ(write(pair.fd[1], "x", 1), 1);
     std::vector<std::string> order;
-    Call onRead{[&](int) { order.push_back("read"); }};
-    Call onWrite{[&](int) {
+    Call<> onRead{[&](int) { order.push_back("read"); }};
+    Call<> onWrite{[&](int) {
         order.push_back("write");
         loop.RemoveFileEvent(pair.fd[0], true, true, nullptr);
         loop.ExitEventLoop(0);
@@ -131,12 +126,12 @@ TEST_F(EventLoopTest, ReadAndWriteBothDispatchedInOnePass) {
 TEST_F(EventLoopTest, ExitTakesEffectAfterTheCallbackReturns) {
     loop.ExitEventLoop(8); // overridden by entering
     bool finished = false;
-    Call leave{[&](int) {
+    Call<> leave{[&](int) {
         loop.ExitEventLoop(3);
         EXPECT_EQ(loop.ShouldContinue(), False);
         finished = true;
     }};
-    Call never{[&](int) { ADD_FAILURE() << "loop ran on after ExitEventLoop"; }};
+    Call<> never{[&](int) { ADD_FAILURE() << "loop ran on after ExitEventLoop"; }};
     loop.AddTimeoutEvent(KyTimeVal(1, 0), &leave);
     loop.AddTimeoutEvent(KyTimeVal(2, 0), &never);
     EXPECT_EQ(loop.EnterEventLoop(), 3);
@@ -149,11 +144,11 @@ TEST_F(EventLoopTest, ClosedDescriptorIsReportedAndUnregistered) {
     testing::internal::CaptureStderr();
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    Call cb{[](int) {}};
+    Call<> cb{[](int) {}};
     loop.AddFileEvent(fds[0], true, true, &cb);
     close(fds[0]);
     close(fds[1]);
-    Call leave{[&](int) { loop.ExitEventLoop(0); }};
+    Call<> leave{[&](int) { loop.ExitEventLoop(0); }};
     loop.AddTimeoutEvent(In(20000), &leave);
 
     EXPECT_EQ(loop.EnterEventLoop(), 0);
@@ -171,12 +166,12 @@ TEST_F(EventLoopTest, ClosedDescriptorIsReportedAndUnregistered) {
 TEST_F(EventLoopTest, SignalsGoBeforeReadyDescriptors) {
     SocketPair pair;
     std::vector<std::string> order;
-    Call onSignal{[&](int) { order.push_back("signal"); }};
-    Call onRead{[&](int) {
+    Call<> onSignal{[&](int) { order.push_back("signal"); }};
+    Call<> onRead{[&](int) {
         order.push_back("read");
         loop.ExitEventLoop(0);
     }};
-    Call trigger{[&](int) {
+    Call<> trigger{[&](int) {
         ASSERT_EQ(write(pair.fd[1], "x", 1), 1);
         raise(SIGUSR1);
     }};

@@ -6,8 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
@@ -15,18 +13,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "tests/lib/logtemp.h"
+
 namespace {
 
 class TempDir : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/hostgauge-file-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
-    std::string Path(const char* name) const { return dir_ + "/" + name; }
-    std::string dir_;
+    std::string Path(const char* name) const { return dir_ / name; }
+    LogTempDir dir_;
 };
 
 bool IsOpen(int fd) {
@@ -161,7 +155,7 @@ TEST_F(TempDir, WholeFileHelpersAndPathQueries) {
 
     EXPECT_EQ(KyFile::DoesPathExist(path), True);
     EXPECT_EQ(KyFile::DoesPathExist(Path("none")), False);
-    EXPECT_EQ(KyFile::IsDirectory(dir_), True);
+    EXPECT_EQ(KyFile::IsDirectory(dir_.Path()), True);
     EXPECT_EQ(KyFile::IsDirectory(path), False);
     EXPECT_EQ(KyFile::IsDirectory(Path("none")), False);
 }

@@ -1,6 +1,7 @@
 // KyUnixProcess against real children, pipes and signals: exit reports, reaping,
 // exec failure in the child, signal dispatch order, and identity switches (as root).
 #include "lib/eventloop.h"
+#include "tests/lib/loopcall.h"
 
 #include <csignal>
 #include <functional>
@@ -14,13 +15,6 @@
 namespace {
 
 using Info = KyUnixProcess::child_info;
-
-template <typename A>
-struct Call : KyCallback<A> {
-    explicit Call(std::function<void(A)> f) : run(std::move(f)) {}
-    void Dispatch(A arg) override { run(arg); }
-    std::function<void(A)> run;
-};
 
 class ProcessTest : public ::testing::Test {
 protected:
@@ -42,18 +36,7 @@ protected:
         return params.ChildPid();
     }
 
-    // Runs the loop until a callback ends it; a 2 s guard turns a hang into code 99.
-    int Run() {
-        Call<int> guard{[this](int reason) {
-            if (reason == KyEvent::Fired)
-                loop.ExitEventLoop(99);
-        }};
-        KyTimeVal limit = KyTimeVal() + KyTimeVal(2, 0);
-        loop.AddTimeoutEvent(limit, &guard);
-        int code = loop.EnterEventLoop();
-        loop.RemoveTimeoutEvent(limit, &guard);
-        return code;
-    }
+    int Run() { return RunGuarded(loop); }
 
     KyUnixProcess process;
     KyEventLoop loop{&process};

@@ -13,19 +13,10 @@
 #include <string>
 
 #include "probe/listener.h"
+#include "tests/lib/loopcall.h"
 #include "tests/probe/subscription_world.h"
 
 namespace {
-
-// Calls a function from the loop; used for the client side and the run's deadline.
-class LoopCall : public KyCallback<KyEvent::cbdispatch> {
-public:
-    explicit LoopCall(std::function<void(int)> body) : body_(std::move(body)) {}
-    void Dispatch(int reason) override { body_(reason); }
-
-private:
-    std::function<void(int)> body_;
-};
 
 // A listener on a kernel-chosen loopback port, served by the probe's loop.
 class ListenerTest : public ::testing::Test {
@@ -53,12 +44,12 @@ protected:
         bool met = false;
         const KyTimeVal limit = KyTimeVal() + KyTimeVal(2, 0);
         KyTimeVal next;
-        LoopCall guard([&](int reason) {
+        Call<> guard([&](int reason) {
             if (reason == KyEvent::Fired) {
                 eventloop.ExitEventLoop(0);
             }
         });
-        LoopCall check([&](int reason) {
+        Call<> check([&](int reason) {
             if (reason != KyEvent::Fired) {
                 return;
             }

@@ -2,18 +2,17 @@
 // its columns, its line count, its argument handling and its exit on a closed pipe.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <csignal>
-#include <cstdio>
-#include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <poll.h>
-#include <spawn.h>
-#include <sstream>
-#include <string>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -22,66 +21,43 @@ namespace {
 
 const std::string kTool = std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-vmstat";
 
-// The tool as a child process with its stdout and stderr on pipes.
+// The tool run through the shell with its stdout on a pipe and its stderr in a file.
 class Tool {
 public:
-    explicit Tool(std::vector<std::string> args) {
-        int out[2], err[2];
-        EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
-        EXPECT_EQ(pipe2(err, O_CLOEXEC), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-        posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-        args.insert(args.begin(), kTool);
-        std::vector<char*> argv;
-        for (auto& a : args)
-            argv.push_back(a.data());
-        argv.push_back(nullptr);
-        EXPECT_EQ(posix_spawn(&pid_, kTool.c_str(), &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        close(out[1]);
-        close(err[1]);
-        out_ = out[0];
-        err_ = err[0];
+    Tool(const std::vector<std::string>& args, const fs::path& errors) : errors_(errors) {
+        std::string command = kTool;
+        for (const auto& arg : args)
+            command += " '" + arg + "'";
+        out_ = popen((command + " 2>'" + errors.string() + "'").c_str(), "r");
     }
     ~Tool() {
-        CloseOut();
-        close(err_);
+        if (out_)
+            pclose(out_);
     }
     std::string ReadLine() {
-        std::string line;
-        char c;
-        pollfd ready{out_, POLLIN, 0};
-        while (poll(&ready, 1, 5000) > 0 && read(out_, &c, 1) == 1 && c != '\n')
-            line += c;
-        return line;
+        char line[4096];
+        return fgets(line, sizeof line, out_) ? std::string(line, strcspn(line, "\n")) : "";
     }
-    std::string ReadAll(bool fromErr = false) {
+    std::string ReadAll() {
         std::string text;
-        char buf[4096];
-        for (ssize_t n; (n = read(fromErr ? err_ : out_, buf, sizeof buf)) > 0;)
-            text.append(buf, static_cast<size_t>(n));
+        for (int c; (c = fgetc(out_)) != EOF;)
+            text += static_cast<char>(c);
         return text;
     }
-    void CloseOut() {
-        if (out_ >= 0)
-            close(out_);
-        out_ = -1;
+    std::string Errors() const {
+        std::ifstream in(errors_);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
-    // Exit status, or -1 when it is still running after five seconds or died of a signal.
+    // Closes the pipe first, so a tool still writing meets a closed reader.
     int Wait() {
-        int status = 0;
-        for (int i = 0; i < 500 && waitpid(pid_, &status, WNOHANG) == 0; ++i)
-            usleep(10000);
-        if (waitpid(pid_, &status, WNOHANG) == 0)
-            kill(pid_, SIGKILL), waitpid(pid_, &status, 0);
+        const int status = pclose(out_);
+        out_ = nullptr;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
 private:
-    pid_t pid_ = -1;
-    int out_ = -1, err_ = -1;
+    fs::path errors_;
+    FILE* out_ = nullptr;
 };
 
 std::vector<int> Ints(const std::string& text) {
@@ -136,6 +112,7 @@ protected:
             GTEST_SKIP() << "expected figures assume 100 Hz ticks and 4 KiB pages";
         dir_ = fs::temp_directory_path() / ("vmstat_test." + std::to_string(getpid()));
         fs::remove_all(dir_);
+        fs::create_directories(dir_);
         // 10000 jiffies on two CPUs at 100 Hz: 50 seconds since boot.
         base_ = {1000, 200, 300, 7000, 500, 100, 50, 850, 20000, 40000, 1000, 500, 100000, {}};
         base_.diskstats = Disk("loop0", 9, 9) + Disk("sda", 1000, 1500) + Disk("nvme0n1", 500, 0) +
@@ -145,12 +122,14 @@ protected:
 
     std::vector<int> BootLine(const Counters& c) {
         WriteTree(dir_ / "one", c);
-        Tool tool({"-S", "-P", (dir_ / "one").string()});
+        Tool tool({"-S", "-P", (dir_ / "one").string()}, Errors());
         tool.ReadLine(), tool.ReadLine();
         auto cols = Columns(tool.ReadLine());
-        EXPECT_EQ(tool.Wait(), 0) << tool.ReadAll(true);
+        EXPECT_EQ(tool.Wait(), 0) << tool.Errors();
         return cols;
     }
+
+    fs::path Errors() const { return dir_ / "stderr"; }
 
     fs::path dir_;
     Counters base_;
@@ -173,7 +152,7 @@ TEST_F(VmstatTool, IntervalLineUsesDeltasOverTheElapsedJiffies) {
     WriteTree(dir_ / "snap1", next);
     fs::create_directory_symlink("snap0", dir_ / "proc");
 
-    Tool tool({"-P", (dir_ / "proc").string(), "1", "2"});
+    Tool tool({"-P", (dir_ / "proc").string(), "1", "2"}, Errors());
     for (int i = 0; i < 3; ++i)
         tool.ReadLine();
     fs::create_directory_symlink("snap1", dir_ / "proc.new");
@@ -215,10 +194,10 @@ TEST_F(VmstatTool, CountGivesThatManyLinesThenExitsCleanly) {
                                {{"1", "1"}, 3},
                                {{"-S", "1", "3"}, 5}}) {
         args.insert(args.begin(), {"-P", (dir_ / "p").string()});
-        Tool tool(args);
+        Tool tool(args, Errors());
         auto out = tool.ReadAll();
         EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), lines) << out;
-        EXPECT_EQ(tool.ReadAll(true), "");
+        EXPECT_EQ(tool.Errors(), "");
         EXPECT_EQ(tool.Wait(), 0);
     }
 }
@@ -226,28 +205,27 @@ TEST_F(VmstatTool, CountGivesThatManyLinesThenExitsCleanly) {
 TEST_F(VmstatTool, BadArgumentsGiveUsageAndStatusTwo) {
     for (auto args : std::vector<std::vector<std::string>>{
              {"abc"}, {"0"}, {"1", "0"}, {"1", "2", "3"}, {"-x"}, {"-1"}, {"2s"}, {"-P"}}) {
-        Tool tool(args);
+        Tool tool(args, Errors());
         EXPECT_EQ(tool.ReadAll(), "");
-        EXPECT_EQ(tool.ReadAll(true).rfind("usage: hostgauge-vmstat [-S]", 0), 0u) << args[0];
+        EXPECT_EQ(tool.Errors().rfind("usage: hostgauge-vmstat [-S]", 0), 0u) << args[0];
         EXPECT_EQ(tool.Wait(), 2) << args[0];
     }
 }
 
 TEST_F(VmstatTool, UnreadableTreeIsReportedWithTheFailingCall) {
-    Tool tool({"-P", (dir_ / "none").string(), "1", "2"});
+    Tool tool({"-P", (dir_ / "none").string(), "1", "2"}, Errors());
     EXPECT_EQ(tool.ReadAll(), "");
-    EXPECT_NE(tool.ReadAll(true).find("open(" + (dir_ / "none/stat").string() + ",O_RDONLY): "),
+    EXPECT_NE(tool.Errors().find("open(" + (dir_ / "none/stat").string() + ",O_RDONLY): "),
               std::string::npos);
     EXPECT_EQ(tool.Wait(), 1);
 }
 
 TEST_F(VmstatTool, ClosedPipeEndsItQuietly) {
     WriteTree(dir_ / "p", base_);
-    Tool tool({"-P", (dir_ / "p").string(), "1"});
+    Tool tool({"-P", (dir_ / "p").string(), "1"}, Errors());
     EXPECT_FALSE(tool.ReadLine().empty());
-    tool.CloseOut();
     EXPECT_EQ(tool.Wait(), 0);
-    EXPECT_EQ(tool.ReadAll(true), "");
+    EXPECT_EQ(tool.Errors(), "");
 }
 
 } // namespace
