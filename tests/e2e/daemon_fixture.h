@@ -101,26 +101,40 @@ inline std::string toolRun(int idle, int lines = 3) {
     return text;
 }
 
+// A client connection to the daemon's port, or -1; a receive buffer size > 0 is set first.
+inline int connectTo(unsigned short port, int receiveBuffer = 0) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (receiveBuffer > 0) {
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    }
+    const sockaddr_in address = loopback(port);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 // Sends the pieces as separate writes and returns everything read until the daemon closes.
 // A reset instead of the reply counts as an empty answer.
 inline std::string request(unsigned short port, const std::vector<std::string>& pieces) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    const sockaddr_in address = loopback(port);
+    const int fd = connectTo(port);
     std::string reply;
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-        for (const auto& piece : pieces) {
-            ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
-            std::this_thread::sleep_for(pieces.size() > 1 ? 100ms : 0ms);
+    if (fd < 0) {
+        return reply;
+    }
+    for (const auto& piece : pieces) {
+        ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
+        std::this_thread::sleep_for(pieces.size() > 1 ? 100ms : 0ms);
+    }
+    pollfd ready{fd, POLLIN, 0};
+    char buffer[4096];
+    while (::poll(&ready, 1, 5000) == 1) {
+        const ssize_t count = ::recv(fd, buffer, sizeof buffer, 0);
+        if (count <= 0) {
+            break;
         }
-        pollfd ready{fd, POLLIN, 0};
-        char buffer[4096];
-        while (::poll(&ready, 1, 5000) == 1) {
-            const ssize_t count = ::recv(fd, buffer, sizeof buffer, 0);
-            if (count <= 0) {
-                break;
-            }
-            reply.append(buffer, std::size_t(count));
-        }
+        reply.append(buffer, std::size_t(count));
     }
     ::close(fd);
     return reply;
@@ -128,6 +142,19 @@ inline std::string request(unsigned short port, const std::vector<std::string>& 
 
 inline std::string request(unsigned short port, const std::string& text) {
     return request(port, std::vector<std::string>{text});
+}
+
+inline const std::string kStatusRequest = "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n";
+
+// A subscription for a load balancer on 127.0.0.1 at a 5 s sample rate and a window of 3.
+inline std::string createRequest(unsigned id, unsigned short port, unsigned replyMs,
+                                 unsigned percent, const std::string& stats) {
+    return "<cvnlbreq command=CREATE><version>1.0</version><host>127.0.0.1</host><port>" +
+           std::to_string(port) +
+           "</port><samplerate>5000</samplerate><windowsize>3</windowsize><id>" +
+           std::to_string(id) + "</id><replyfreq>" + std::to_string(replyMs) +
+           "</replyfreq><percentchange>" + std::to_string(percent) + "</percentchange>" + stats +
+           "</cvnlbreq>";
 }
 
 // A load balancer's receiving end: a datagram socket on 127.0.0.1.

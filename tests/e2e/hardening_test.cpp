@@ -11,32 +11,13 @@ namespace {
 
 using namespace e2e;
 
-const std::string kStatus = "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n";
-
-int connectTo(unsigned short port, int receiveBuffer = 0) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (receiveBuffer > 0) {
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-    }
-    const sockaddr_in address = loopback(port);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
+const std::string& kStatus = kStatusRequest;
 
 // Subscriptions that never tick (an hour's reply frequency) to one UDP port, one connection
 // each as a load balancer would make them.
 void subscribe(const Daemon& daemon, unsigned count, unsigned short udpPort) {
     for (unsigned id = 1; id <= count; ++id) {
-        const std::string create =
-            "<cvnlbreq command=CREATE><version>1.0</version><host>127.0.0.1</host><port>" +
-            std::to_string(udpPort) +
-            "</port><samplerate>5000</samplerate><windowsize>3</windowsize><id>" +
-            std::to_string(id) +
-            "</id><replyfreq>3600000</replyfreq><percentchange>100</percentchange>"
-            "<stat>cpu</stat></cvnlbreq>";
+        const std::string create = createRequest(id, udpPort, 3600000, 100, "<stat>cpu</stat>");
         ASSERT_NE(request(daemon.port(), create).find("type=\"create\""), std::string::npos)
             << "subscription " << id;
     }
@@ -48,10 +29,6 @@ std::size_t count(const std::string& text, const std::string& what) {
         ++found;
     }
     return found;
-}
-
-pid_t daemonPid(const Daemon& daemon) {
-    return std::stoi(readFile(daemon.dir() / "hostgauge.pid"));
 }
 
 // The daemon's own processor time (user and system) so far.
@@ -118,7 +95,7 @@ TEST_F(Hardening, APeerThatResetsWhileAReplyIsQueuedLeavesTheDaemonServing) {
 
     const std::string report = request(daemon_.port(), kStatus);
     EXPECT_EQ(count(report, "<connection>"), 2000u);
-    EXPECT_EQ(::kill(daemonPid(daemon_), 0), 0) << "still running";
+    EXPECT_EQ(::kill(daemon_.pid(), 0), 0) << "still running";
     EXPECT_EQ(daemon_.log().find("Hostgauge stopped"), std::string::npos);
 }
 
@@ -168,11 +145,10 @@ TEST_F(Hardening, AConnectionStormUnderALowDescriptorLimitNeitherSpinsNorFloodsT
     rlimit low = saved;
     low.rlim_cur = 64;
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
-    daemon_.start();
+    const bool serving = daemon_.startServing();
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
-    ASSERT_TRUE(
-        waitFor([&] { return fs::exists(daemon_.dir() / "hostgauge.pid"); }, kStartDeadline));
-    const pid_t pid = daemonPid(daemon_);
+    ASSERT_TRUE(serving);
+    const pid_t pid = daemon_.pid();
 
     const auto before = cpuTime(pid);
     std::vector<int> storm;

@@ -17,11 +17,7 @@ const std::string kXml = "<?xml version=\"1.0\"?>";
 const std::string kRefusal = "Message is either too short or too long to be valid";
 
 std::string create(unsigned id, unsigned short port, unsigned percent = 10) {
-    return "<cvnlbreq command=CREATE><version>1.0</version><host>127.0.0.1</host><port>" +
-           std::to_string(port) +
-           "</port><samplerate>5000</samplerate><windowsize>3</windowsize><id>" +
-           std::to_string(id) + "</id><replyfreq>10000</replyfreq><percentchange>" +
-           std::to_string(percent) + "</percentchange><stat>cpu</stat><stat>vmem</stat></cvnlbreq>";
+    return createRequest(id, port, 10000, percent, "<stat>cpu</stat><stat>vmem</stat>");
 }
 
 std::string kill(unsigned id) {
@@ -30,7 +26,7 @@ std::string kill(unsigned id) {
 }
 
 std::string status(const Daemon& daemon) {
-    return request(daemon.port(), "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n");
+    return request(daemon.port(), kStatusRequest);
 }
 
 // The datagram for id 7 with the fake tool's memory figures, whatever its sequence number.
@@ -135,9 +131,8 @@ TEST(Subscription, RequestsOutOfBoundsOrInPiecesGetWhatTheFirstReadHolds) {
 TEST(Subscription, ATakenControlPortEndsStartUpWithCodeOne) {
     Daemon daemon;
     const int holder = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(daemon.port());
+    sockaddr_in address = loopback(daemon.port());
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
     ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     ASSERT_EQ(::listen(holder, 1), 0);
     daemon.start();
