@@ -6,10 +6,12 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <string>
 #include <unistd.h>
 
@@ -109,22 +111,41 @@ void KyEventLoop::RunOnce() {
         return;
     int wait = WaitMilliseconds();
     int ready;
+    // A signal that lands after the pending check but before the wait would otherwise sit
+    // unseen until some descriptor or timeout wakes the loop (up to an hour for a daemon
+    // with no subscriptions): signals stay blocked from the check until the wait starts.
+    sigset_t all, previous;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &previous);
+    if (process_ != nullptr && process_->HasPendingSignals()) {
+        sigprocmask(SIG_SETMASK, &previous, nullptr);
+        return;
+    }
 #ifdef KY_HAVE_DEVPOLL
     if (devPollMode_) {
         pollfd results[1024];
         dvpoll request{results, 1024, wait};
         ready = ioctl(devPollFd_, DP_POLL, &request);
+        sigprocmask(SIG_SETMASK, &previous, nullptr);
         if (ready > 0)
             return DispatchDevPoll(results, ready);
     } else
 #endif
-        ready = poll(pollSet_.Data(), pollSet_.Count(), wait);
+        ready = WaitForEvents(wait, previous);
+    const int waitErrno = errno;
+    sigprocmask(SIG_SETMASK, &previous, nullptr);
     if (ready == 0)
         FireFirstTimeout();
-    else if (ready < 0 && errno != EINTR && errno != EAGAIN)
-        PollFailed(errno, wait);
+    else if (ready < 0 && waitErrno != EINTR && waitErrno != EAGAIN)
+        PollFailed(waitErrno, wait);
     else if (ready > 0)
         DispatchReady();
+}
+
+// poll, with the signal mask of the caller restored only for the wait itself.
+int KyEventLoop::WaitForEvents(int wait, const sigset_t& unblocked) {
+    timespec limit{wait / 1000, (wait % 1000) * 1000000L};
+    return ppoll(pollSet_.Data(), pollSet_.Count(), wait < 0 ? nullptr : &limit, &unblocked);
 }
 
 int KyEventLoop::WaitMilliseconds() const {

@@ -3,6 +3,8 @@
 // callbacks one at a time until a callback asks the loop to end.
 #pragma once
 
+#include <csignal>
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -82,6 +84,7 @@ private:
 
     void RunOnce();
     int WaitMilliseconds() const;
+    int WaitForEvents(int wait, const sigset_t& unblocked);
     void FireFirstTimeout();
     void PollFailed(int error, int wait);
     void DispatchReady();

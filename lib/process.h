@@ -101,6 +101,8 @@ public:
     KyStatus RemoveSIGCHLDCallback(pid_t pid);
     // Dispatches the signals recorded since the last call; True when there were any.
     KyStatus ProcessSignals();
+    // True while a recorded signal waits for ProcessSignals.
+    bool HasPendingSignals() const { return pendingCount_ != 0; }
 
     const KyUnixError& LastError() const { return lastError_; }
     pid_t Pid() const { return pid_; }
