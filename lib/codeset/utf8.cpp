@@ -124,6 +124,20 @@ std::size_t PutUnit(std::u16string_view in, std::size_t i, unsigned char*& out) 
     return 1;
 }
 
+// Encodes what starts at position i — a whole ASCII chunk, one ASCII unit, or one
+// character (a surrogate pair counts as one) — advancing both i and out.
+void EncodeStep(std::u16string_view in, std::size_t& i, unsigned char*& out) {
+    if (i + Chunk <= in.size() && AsciiChunk(in.data() + i)) {
+        CopyChunk(in.data() + i, out);
+        i += Chunk;
+        out += Chunk;
+    } else if (in[i] < 0x80) {
+        *out++ = static_cast<unsigned char>(in[i++]);
+    } else {
+        i += PutUnit(in, i, out);
+    }
+}
+
 } // namespace
 
 namespace KyUtf8 {
@@ -159,15 +173,7 @@ std::size_t Encode(std::u16string_view in, unsigned char* out) {
     unsigned char* const start = out;
     std::size_t i = 0;
     while (i < in.size()) {
-        if (i + Chunk <= in.size() && AsciiChunk(in.data() + i)) {
-            CopyChunk(in.data() + i, out);
-            i += Chunk;
-            out += Chunk;
-        } else if (in[i] < 0x80) {
-            *out++ = static_cast<unsigned char>(in[i++]);
-        } else {
-            i += PutUnit(in, i, out);
-        }
+        EncodeStep(in, i, out);
     }
     return static_cast<std::size_t>(out - start);
 }
@@ -197,15 +203,7 @@ void AppendEncoded(std::u16string_view in, std::string& out) {
     while (i < in.size()) {
         unsigned char* put = block;
         while (i < in.size() && put + Chunk <= std::end(block)) {
-            if (i + Chunk <= in.size() && AsciiChunk(in.data() + i)) {
-                CopyChunk(in.data() + i, put);
-                i += Chunk;
-                put += Chunk;
-            } else if (in[i] < 0x80) {
-                *put++ = static_cast<unsigned char>(in[i++]);
-            } else {
-                i += PutUnit(in, i, put);
-            }
+            EncodeStep(in, i, put);
         }
         out.append(reinterpret_cast<const char*>(block), static_cast<std::size_t>(put - block));
     }
