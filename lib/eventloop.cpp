@@ -1,9 +1,10 @@
-// KyEventLoop: one pass handles recorded signals first, then waits in poll for the
-// earliest timeout and dispatches either that one timeout or the ready descriptors,
-// read before write. Notices go to standard error because the loop may be what the
-// log framework itself depends on.
+// KyEventLoop: one pass handles recorded signals first, then waits in poll until the
+// earliest timeout at most, dispatches the ready descriptors (read before write) and then
+// every timeout that is due, earliest first. Notices go to standard error because the loop
+// may be what the log framework itself depends on.
 #include "lib/eventloop.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -13,6 +14,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <string>
+#include <time.h>
 #include <unistd.h>
 
 #include "lib/error.h"
@@ -34,6 +36,21 @@ constexpr std::size_t Growth = 100;
 
 std::uint64_t Microseconds(const KyTimeVal& time) {
     return std::uint64_t{time.Seconds()} * KyTimeVal::MicrosPerSecond + time.Microseconds();
+}
+
+std::uint64_t ReadClock(clockid_t clock) {
+    timespec now{};
+    clock_gettime(clock, &now);
+    return std::uint64_t(now.tv_sec) * KyTimeVal::MicrosPerSecond +
+           std::uint64_t(now.tv_nsec) / 1000;
+}
+
+std::uint64_t WallClock() {
+    return ReadClock(CLOCK_REALTIME);
+}
+
+std::uint64_t MonotonicClock() {
+    return MonotonicMicros();
 }
 
 void Notice(const char* format, int fd = -1) {
@@ -83,9 +100,15 @@ void KyEventLoop::PollSet::RemoveAt(std::size_t i) {
     --count_;
 }
 
-KyEventLoop::KyEventLoop(KyUnixProcess* process) : process_(process) {
+KyEventLoop::KyEventLoop(KyUnixProcess* process)
+    : process_(process), wallClock_(WallClock), monotonicClock_(MonotonicClock) {
     readTable_.reserve(10);
     writeTable_.reserve(10);
+}
+
+void KyEventLoop::SetClocks(ClockReader wall, ClockReader monotonic) {
+    wallClock_ = wall;
+    monotonicClock_ = monotonic;
 }
 
 KyEventLoop::~KyEventLoop() {
@@ -127,19 +150,27 @@ void KyEventLoop::RunOnce() {
         dvpoll request{results, 1024, wait};
         ready = ioctl(devPollFd_, DP_POLL, &request);
         sigprocmask(SIG_SETMASK, &previous, nullptr);
-        if (ready > 0)
-            return DispatchDevPoll(results, ready);
+        if (ready > 0) {
+            const std::uint64_t now = monotonicClock_();
+            fence_ = std::max(fence_, now);
+            DispatchDevPoll(results, ready);
+            return FireDueTimeouts(now);
+        }
     } else
 #endif
         ready = WaitForEvents(wait, previous);
     const int waitErrno = errno;
     sigprocmask(SIG_SETMASK, &previous, nullptr);
-    if (ready == 0)
-        FireFirstTimeout();
-    else if (ready < 0 && waitErrno != EINTR && waitErrno != EAGAIN)
-        PollFailed(waitErrno, wait);
-    else if (ready > 0)
+    if (ready < 0 && waitErrno != EINTR && waitErrno != EAGAIN)
+        return PollFailed(waitErrno, wait);
+    // Due timeouts fire in every pass, however busy the descriptors are: a control port
+    // kept ready by many clients must not starve the load reports. Time is taken before
+    // the descriptors run, so whatever they add waits for the next pass.
+    const std::uint64_t now = monotonicClock_();
+    fence_ = std::max(fence_, now);
+    if (ready > 0)
         DispatchReady();
+    FireDueTimeouts(now);
 }
 
 // poll, with the signal mask of the caller restored only for the wait itself.
@@ -151,20 +182,31 @@ int KyEventLoop::WaitForEvents(int wait, const sigset_t& unblocked) {
 int KyEventLoop::WaitMilliseconds() const {
     if (timeouts_.empty())
         return -1;
-    std::uint64_t due = timeouts_.begin()->first;
-    std::uint64_t now = Microseconds(KyTimeVal());
+    const std::uint64_t due = timeouts_.begin()->first.first;
+    const std::uint64_t now = monotonicClock_();
     if (now >= due)
         return 0;
-    std::uint64_t millis = (due - now) / 1000;
+    // Rounded up: waking a little early would only spin until the timeout is due.
+    const std::uint64_t millis = (due - now + 999) / 1000;
     return millis > INT_MAX ? INT_MAX : static_cast<int>(millis);
 }
 
-void KyEventLoop::FireFirstTimeout() {
-    if (timeouts_.empty())
-        return;
-    // Taken out before it runs, so the callback may add or remove timeouts freely.
-    auto node = timeouts_.extract(timeouts_.begin());
-    node.mapped().Dispatch();
+void KyEventLoop::FireDueTimeouts(std::uint64_t now) {
+    while (running_ == True && !timeouts_.empty() && timeouts_.begin()->first.first <= now) {
+        // Taken out before it runs, so the callback may add or remove timeouts freely.
+        Take(timeouts_.begin()).mapped().Dispatch();
+    }
+}
+
+KyEventLoop::Timeouts::node_type KyEventLoop::Take(Timeouts::iterator entry) {
+    auto [first, last] = byTime_.equal_range(Microseconds(entry->second.Time()));
+    for (auto it = first; it != last; ++it) {
+        if (it->second == entry) {
+            byTime_.erase(it);
+            break;
+        }
+    }
+    return timeouts_.extract(entry);
 }
 
 void KyEventLoop::PollFailed(int error, int wait) {
@@ -287,19 +329,32 @@ KyStatus KyEventLoop::RemoveFileEvent(unsigned fd, bool read, bool write, KyCall
     return Success;
 }
 
+// Callers give wall-clock times; the distance from now on the wall clock becomes the same
+// distance on the monotonic clock, so a later step of the wall clock moves nothing.
 KyStatus KyEventLoop::AddTimeoutEvent(const KyTimeVal& time, KyCallback<cbdispatch>* callback) {
-    timeouts_.emplace(std::piecewise_construct, std::forward_as_tuple(Microseconds(time)),
-                      std::forward_as_tuple(callback, time));
+    const std::uint64_t wanted = Microseconds(time);
+    const std::uint64_t wall = wallClock_();
+    const std::uint64_t now = monotonicClock_();
+    std::uint64_t due = 0;
+    if (wanted >= wall)
+        due = now + (wanted - wall);
+    else if (wall - wanted < now)
+        due = now - (wall - wanted); // long due: keeps its place among the other late ones
+    due = std::max(due, fence_ + 1);
+    const auto entry =
+        timeouts_.emplace(std::piecewise_construct, std::forward_as_tuple(due, wanted),
+                          std::forward_as_tuple(callback, time));
+    byTime_.emplace(wanted, entry);
     return Success;
 }
 
 KyStatus KyEventLoop::RemoveTimeoutEvent(const KyTimeVal& time, KyCallback<cbdispatch>* callback) {
-    auto [first, last] = timeouts_.equal_range(Microseconds(time));
+    auto [first, last] = byTime_.equal_range(Microseconds(time));
     for (auto it = first; it != last; ++it) {
-        if (it->second.Callback() != callback)
+        if (it->second->second.Callback() != callback)
             continue;
-        // Out of the map first: the withdrawal notice may re-arm or remove other timeouts.
-        auto node = timeouts_.extract(it);
+        // Out of the maps first: the withdrawal notice may re-arm or remove other timeouts.
+        auto node = Take(it->second);
         callback->Dispatch(KyEvent::Withdrawn);
         return True;
     }

@@ -1,6 +1,7 @@
 // The single-threaded reactor the whole daemon runs on: descriptor readiness,
 // absolute-time timeouts and the signals recorded by KyUnixProcess are delivered to
-// callbacks one at a time until a callback asks the loop to end.
+// callbacks one at a time until a callback asks the loop to end. Timeouts are kept on the
+// monotonic clock, so a step of the wall clock neither fires nor stalls them.
 #pragma once
 
 #include <csignal>
@@ -10,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <poll.h>
+#include <utility>
 #include <vector>
 
 #include "lib/event.h"
@@ -59,6 +61,12 @@ public:
     std::size_t TimeoutCount() const { return timeouts_.size(); }
     std::size_t PollCount() const { return pollSet_.Count(); }
 
+    // Where the loop reads the time, in microseconds: the wall clock that callers' absolute
+    // times refer to, and the monotonic clock that decides when they are due. Tests replace
+    // them to step the wall clock or move time on without waiting.
+    using ClockReader = std::uint64_t (*)();
+    void SetClocks(ClockReader wall, ClockReader monotonic);
+
 private:
     // The pollfd array handed to poll; plain malloc memory so a failed growth is a
     // status the loop can report rather than an exception.
@@ -82,10 +90,17 @@ private:
     };
     using FileTable = std::vector<std::unique_ptr<KyEventFile>>;
 
+    // Due timeouts by monotonic time, then by the time their callers gave (which orders the
+    // ones set in the past); the index finds one by the time its caller gave.
+    using Timeouts = std::multimap<std::pair<std::uint64_t, std::uint64_t>, KyEventTimeout>;
+    using TimeIndex = std::multimap<std::uint64_t, Timeouts::iterator>;
+
     void RunOnce();
     int WaitMilliseconds() const;
     int WaitForEvents(int wait, const sigset_t& unblocked);
-    void FireFirstTimeout();
+    void FireDueTimeouts(std::uint64_t now);
+    // Takes the timeout out of both maps; the caller dispatches the returned event.
+    Timeouts::node_type Take(Timeouts::iterator entry);
     void PollFailed(int error, int wait);
     void DispatchReady();
     bool DispatchFile(const FileTable& table, int fd);
@@ -98,9 +113,15 @@ private:
     KyUnixProcess* process_;
     int devPollFd_ = -1;
     bool devPollMode_ = false;
-    // Keyed by microseconds since the epoch. A map rather than an append-and-sort list:
-    // thousands of subscribed hosts re-arm their timers on every tick.
-    std::multimap<std::uint64_t, KyEventTimeout> timeouts_;
+    // Maps rather than an append-and-sort list: thousands of subscribed hosts re-arm their
+    // timers on every tick.
+    Timeouts timeouts_;
+    TimeIndex byTime_;
+    // The monotonic time up to which the current or last pass fires: a timeout added since
+    // is due one microsecond later at the earliest, so it waits for the next pass.
+    std::uint64_t fence_ = 0;
+    ClockReader wallClock_;
+    ClockReader monotonicClock_;
     FileTable readTable_;
     FileTable writeTable_;
     PollSet pollSet_;

@@ -268,3 +268,10 @@ KyUniString KyTimeVal::AsRFC1123() const {
     std::copy(date.begin(), date.end(), units.begin());
     return KyUniString(units.data(), static_cast<std::uint32_t>(date.size()));
 }
+
+std::uint64_t MonotonicMicros() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::uint64_t(now.tv_sec) * KyTimeVal::MicrosPerSecond +
+           std::uint64_t(now.tv_nsec) / 1000;
+}

@@ -59,3 +59,7 @@ private:
     std::uint32_t seconds_ = 0;
     std::uint32_t microseconds_ = 0;
 };
+
+// Microseconds on the monotonic clock: for durations and deadlines that a step of the
+// wall clock must not move.
+std::uint64_t MonotonicMicros();

@@ -147,12 +147,15 @@ TEST(Subscription, ATakenControlPortEndsStartUpWithCodeOne) {
     EXPECT_FALSE(fs::exists(daemon.dir() / "hostgauge.pid"));
 }
 
-// Shifts the clock that the daemon reads by the number of seconds in $HG_CLOCK_SHIFT.
+// Shifts both clocks that the daemon reads, the wall clock and the monotonic one its timers
+// run on, by the number of seconds in $HG_CLOCK_SHIFT: an hour passes at once.
 const char* const kClockShim = R"(
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <time.h>
+#include <unistd.h>
 static long shift(void) {
     long seconds = 0;
     FILE* file = fopen(getenv("HG_CLOCK_SHIFT"), "r");
@@ -162,20 +165,25 @@ static long shift(void) {
     }
     return seconds;
 }
+int clock_gettime(clockid_t clock, struct timespec* now) {
+    int result = (int)syscall(SYS_clock_gettime, clock, now);
+    if (result == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_MONOTONIC))
+        now->tv_sec += shift();
+    return result;
+}
 int gettimeofday(struct timeval* tv, void* zone) {
     struct timespec now;
     (void)zone;
     clock_gettime(CLOCK_REALTIME, &now);
-    tv->tv_sec = now.tv_sec + shift();
+    tv->tv_sec = now.tv_sec;
     tv->tv_usec = now.tv_nsec / 1000;
     return 0;
 }
 time_t time(time_t* out) {
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
-    time_t seconds = now.tv_sec + shift();
-    if (out) *out = seconds;
-    return seconds;
+    if (out) *out = now.tv_sec;
+    return now.tv_sec;
 }
 )";
 

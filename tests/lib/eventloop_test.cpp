@@ -41,23 +41,82 @@ protected:
     }};
 };
 
-TEST_F(EventLoopTest, TimeoutsFireEarliestFirstAndOnePerPass) {
-    std::vector<std::string> fired;
-    std::vector<std::size_t> pendingWhenFired;
-    Call<> a{[&](int) { fired.push_back("a"), pendingWhenFired.push_back(loop.TimeoutCount()); }};
-    Call<> b{[&](int) { fired.push_back("b"), pendingWhenFired.push_back(loop.TimeoutCount()); }};
-    Call<> c{[&](int) { fired.push_back("c"), loop.ExitEventLoop(0); }};
-    KyTimeVal past(1, 0); // long due: waits 0 ms
-    loop.AddTimeoutEvent(In(30000), &c);
-    loop.AddTimeoutEvent(past, &a);
-    loop.AddTimeoutEvent(past, &b);
-    Guard();
+// A descriptor that never drains keeps poll returning at once; due timeouts still fire
+// in every pass, earliest first, and one added for "now" by a callback waits a pass.
+TEST_F(EventLoopTest, DueTimeoutsFireInEveryPassWhileADescriptorStaysReady) {
+    SocketPair busy;
+    ASSERT_EQ(write(busy.fd[1], "x", 1), 1);
+    long passes = 0;
+    Call<> onBusy{[&](int) {
+        if (++passes > 1000000)
+            loop.ExitEventLoop(98); // timeouts starved
+    }};
+    std::vector<std::pair<std::string, long>> fired;
+    Call<> later{[&](int) { fired.emplace_back("later", passes); }};
+    Call<> a{[&](int) {
+        fired.emplace_back("a", passes);
+        loop.AddTimeoutEvent(KyTimeVal(), &later);
+    }};
+    Call<> b{[&](int) { fired.emplace_back("b", passes); }};
+    Call<> end{[&](int) {
+        fired.emplace_back("end", passes);
+        loop.ExitEventLoop(0);
+    }};
+    loop.AddFileEvent(busy.fd[0], true, false, &onBusy);
+    loop.AddTimeoutEvent(In(30000), &end);
+    loop.AddTimeoutEvent(KyTimeVal(1, 1), &b);
+    loop.AddTimeoutEvent(KyTimeVal(1, 0), &a);
 
     EXPECT_EQ(loop.EnterEventLoop(), 0);
-    ASSERT_EQ(fired.size(), 3u);
-    EXPECT_EQ(fired[2], "c");
-    // Two timeouts due together still fire in two passes: the second waits its turn.
-    EXPECT_EQ(pendingWhenFired, (std::vector<std::size_t>{3, 2}));
+    ASSERT_EQ(fired.size(), 4u);
+    EXPECT_EQ(fired[0], (std::pair<std::string, long>{"a", 1}));
+    EXPECT_EQ(fired[1], (std::pair<std::string, long>{"b", 1}));
+    EXPECT_EQ(fired[2], (std::pair<std::string, long>{"later", 2}));
+    EXPECT_EQ(fired[3].first, "end");
+    EXPECT_GT(fired[3].second, 2);
+}
+
+// Fake clocks: the wall clock steps an hour forward and then two back while the monotonic
+// clock moves on by ten seconds; timeouts keep their distance from the time they were set.
+std::uint64_t fakeWall = 0, fakeMonotonic = 0;
+
+TEST_F(EventLoopTest, WallClockStepsMoveNoTimeout) {
+    constexpr std::uint64_t second = 1000000;
+    fakeWall = 1700000000 * second;
+    fakeMonotonic = 500 * second;
+    loop.SetClocks([] { return fakeWall; }, [] { return fakeMonotonic; });
+    auto wallIn = [](std::int64_t seconds) {
+        const std::uint64_t at = fakeWall + seconds * second;
+        return KyTimeVal(std::uint32_t(at / second), std::uint32_t(at % second));
+    };
+    std::vector<std::string> fired;
+    Call<> a{[&](int) { fired.push_back("a"); }};
+    Call<> b{[&](int) { fired.push_back("b"); }};
+    // Always ready: each run of the loop is two passes, the second ends it.
+    SocketPair ready;
+    ASSERT_EQ(write(ready.fd[1], "x", 1), 1);
+    int dispatches = 0;
+    Call<> onReady{[&](int) {
+        if (++dispatches % 2 == 0)
+            loop.ExitEventLoop(0);
+    }};
+    loop.AddFileEvent(ready.fd[0], true, false, &onReady);
+    const KyTimeVal bTime = wallIn(20);
+    loop.AddTimeoutEvent(wallIn(10), &a);
+    loop.AddTimeoutEvent(bTime, &b);
+
+    fakeWall += 3600 * second;
+    EXPECT_EQ(loop.EnterEventLoop(), 0);
+    EXPECT_TRUE(fired.empty());
+
+    fakeWall -= 7200 * second;
+    fakeMonotonic += 10 * second;
+    EXPECT_EQ(loop.EnterEventLoop(), 0);
+    EXPECT_EQ(fired, std::vector<std::string>{"a"});
+
+    // Still found by the time its owner gave, whatever the wall clock did since.
+    EXPECT_EQ(loop.RemoveTimeoutEvent(bTime, &b), True);
+    EXPECT_EQ(loop.TimeoutCount(), 0u);
 }
 
 TEST_F(EventLoopTest, RemoveTimeoutNeedsExactTimeAndCallback) {
