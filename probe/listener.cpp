@@ -1,6 +1,6 @@
 // The control port's listening socket and the life of its connections: accept, hand the
-// descriptor to a RequestCircuit, close the silent ones, rest when descriptors run out, and
-// delete finished circuits on the loop's next pass.
+// descriptor to a RequestCircuit, close the silent ones and those that stop reading, rest
+// when descriptors run out, and delete finished circuits on the loop's next pass.
 #include "probe/listener.h"
 
 #include <sys/resource.h>
@@ -22,21 +22,25 @@ namespace {
 // A zero time is always past, so the deletion fires on the loop's next pass.
 const KyTimeVal kNextPass(0, 0);
 
-KyTimeVal FromMilliseconds(unsigned long milliseconds) {
-    return KyTimeVal(static_cast<std::uint32_t>(milliseconds / 1000),
-                     static_cast<std::uint32_t>(milliseconds % 1000 * 1000));
+// A limit in milliseconds, which tests shorten through the environment so they need not
+// wait; returned in microseconds.
+std::uint64_t LimitFromEnvironment(const char* name, unsigned defaultMilliseconds) {
+    unsigned long milliseconds = defaultMilliseconds;
+    if (const char* text = std::getenv(name); text != nullptr) {
+        char* end = nullptr;
+        const unsigned long value = std::strtoul(text, &end, 10);
+        if (end != text && *end == '\0' && value > 0)
+            milliseconds = value;
+    }
+    return std::uint64_t{milliseconds} * 1000;
 }
 
-// The idle limit, which tests shorten through the environment so they need not wait 10 s.
-KyTimeVal IdleLimit() {
-    const char* text = std::getenv(Listener::IDLE_LIMIT_ENV);
-    if (text != nullptr) {
-        char* end = nullptr;
-        const unsigned long milliseconds = std::strtoul(text, &end, 10);
-        if (end != text && *end == '\0' && milliseconds > 0)
-            return FromMilliseconds(milliseconds);
-    }
-    return FromMilliseconds(Listener::IDLE_LIMIT_MS);
+// The wall-clock time at which the monotonic time `due` comes, for the loop's timeouts.
+KyTimeVal WallTimeOf(std::uint64_t due) {
+    const std::uint64_t now = MonotonicMicros();
+    const std::uint64_t ahead = due > now ? due - now : 0;
+    return KyTimeVal() + KyTimeVal(static_cast<std::uint32_t>(ahead / 1000000),
+                                   static_cast<std::uint32_t>(ahead % 1000000));
 }
 
 // Connections may hold all descriptors but the reserve and those already open at start-up
@@ -52,12 +56,14 @@ std::size_t ConnectionLimit(int firstFree) {
 } // namespace
 
 Listener::Listener(KyEventLoop& loop)
-    : acceptCallback_(this, &Listener::acceptCB), loop_(loop), idleLimit_(IdleLimit()),
+    : acceptCallback_(this, &Listener::acceptCB), loop_(loop),
+      idleLimit_(LimitFromEnvironment(IDLE_LIMIT_ENV, IDLE_LIMIT_MS)),
+      writeLimit_(LimitFromEnvironment(WRITE_LIMIT_ENV, WRITE_LIMIT_MS)),
       connectionLimit_(std::numeric_limits<std::size_t>::max()) {}
 
 Listener::~Listener() {
     disarm(resumeTimer_);
-    disarm(idleTimer_);
+    disarm(sweepTimer_);
     RemoveCallback();
     if (fd_ != -1) {
         socket_.Close();
@@ -116,14 +122,6 @@ void Listener::RemoveCallback() {
 void Listener::acceptCB(KyCallback<cbdispatch>*, cbdispatch reason) {
     if (reason != KyEvent::Fired) {
         return;
-    }
-    // No circuit is on the call stack here, and under steady load the zero-delay timeout
-    // would wait: finished circuits go now.
-    pending_.clear();
-    // Timeouts fire only when the loop is idle; a steady stream of clients must not keep
-    // silent connections open past their limit.
-    if (idleTimer_.armed && idleTimer_.due <= KyTimeVal()) {
-        closeIdleCircuits(KyTimeVal());
     }
     // Everything queued is taken now: one accept per wake-up cannot keep up with a burst.
     while (registered_ && acceptOne()) {
@@ -186,36 +184,68 @@ void Listener::resumeCB(KyCallback<cbdispatch>*, cbdispatch reason) {
     }
 }
 
-void Listener::idleCB(KyCallback<cbdispatch>*, cbdispatch reason) {
-    idleTimer_.armed = false;
+void Listener::sweepCB(KyCallback<cbdispatch>*, cbdispatch reason) {
+    sweepTimer_.armed = false;
     if (reason == KyEvent::Fired) {
-        closeIdleCircuits(KyTimeVal());
+        sweep();
     }
 }
 
-// A connection that has not sent its request within the limit is closed without a reply,
-// so silent clients cannot pin descriptors.
-void Listener::closeIdleCircuits(const KyTimeVal& now) {
-    std::vector<RequestCircuit*> expired;
+// A connection that has not sent its request within the idle limit is closed without a
+// reply, so silent clients cannot pin descriptors; one whose request is already waiting to
+// be read is left to be read (the loop may have been busy for longer than the limit). A
+// connection whose reply has not moved for the write limit is closed too: a client that
+// never reads must not hold its descriptor for ever.
+void Listener::sweep() {
+    const std::uint64_t now = MonotonicMicros();
+    std::vector<RequestCircuit*> idle, stalled;
+    std::uint64_t next = 0;
     for (const auto& circuit : circuits_) {
-        if (circuit->awaitingRequest() && circuit->acceptedAt() + idleLimit_ <= now) {
-            expired.push_back(circuit.get());
+        const std::uint64_t due = deadline(*circuit);
+        if (due == 0) {
+            continue;
+        }
+        if (due > now) {
+            next = next == 0 ? due : std::min(next, due);
+        } else if (circuit->writingReply()) {
+            stalled.push_back(circuit.get());
+        } else if (!circuit->hasUnreadInput()) {
+            idle.push_back(circuit.get());
+        } else {
+            // Its request is read on the next pass; should it not be, look again later.
+            next = next == 0 ? now + idleLimit_ : std::min(next, now + idleLimit_);
         }
     }
-    for (RequestCircuit* circuit : expired) {
+    for (RequestCircuit* circuit : idle) {
         circuit->closeIdle();
     }
-    armIdleTimer();
+    for (RequestCircuit* circuit : stalled) {
+        circuit->closeStalled();
+    }
+    if (next != 0) {
+        armSweep(next);
+    }
 }
 
-// Circuits stay in accept order, so the first one still waiting is the next to expire.
-void Listener::armIdleTimer() {
-    const auto waiting = std::find_if(circuits_.begin(), circuits_.end(), [](const auto& circuit) {
-        return circuit->awaitingRequest();
-    });
-    if (waiting != circuits_.end()) {
-        arm(idleTimer_, (*waiting)->acceptedAt() + idleLimit_);
+std::uint64_t Listener::deadline(const RequestCircuit& circuit) const {
+    if (circuit.awaitingRequest()) {
+        return circuit.acceptedAt() + idleLimit_;
     }
+    if (circuit.writingReply()) {
+        return circuit.lastProgress() + writeLimit_;
+    }
+    return 0;
+}
+
+void Listener::armSweep(std::uint64_t due) {
+    if (sweepTimer_.armed) {
+        if (sweepDue_ <= due) {
+            return;
+        }
+        disarm(sweepTimer_);
+    }
+    sweepDue_ = due;
+    arm(sweepTimer_, WallTimeOf(due));
 }
 
 void Listener::arm(OwnTimer& timer, const KyTimeVal& due) {
@@ -237,7 +267,7 @@ void Listener::disarm(OwnTimer& timer) {
 
 void Listener::startNewConnection(int fd, bool prepared) {
     circuits_.push_back(std::make_unique<RequestCircuit>(loop_, fd, this, prepared));
-    armIdleTimer();
+    armSweep(circuits_.back()->acceptedAt() + idleLimit_);
 }
 
 void Listener::DeleteRequestCircuit(RequestCircuit* circuit) {

@@ -1,7 +1,8 @@
 // Listener: the control port. It owns the listening TCP socket, accepts every pending
 // connection on each readable event and gives each to a new RequestCircuit; it closes
-// connections that stay silent too long, stops accepting while descriptors run short,
-// and deletes finished circuits through zero-delay timeouts (they ask from their own callbacks).
+// connections that stay silent too long or stop reading their reply, stops accepting while
+// descriptors run short, and deletes finished circuits through a zero-delay timeout (they
+// ask from their own callbacks).
 #pragma once
 
 #include <cstddef>
@@ -25,6 +26,9 @@ public:
     static constexpr unsigned IDLE_LIMIT_MS = 10000;
     // Test-only: milliseconds that replace IDLE_LIMIT_MS, read once when the listener is made.
     static constexpr const char* IDLE_LIMIT_ENV = "HOSTGAUGE_IDLE_LIMIT_MS";
+    // How long a queued reply may go without any of it being taken by the client.
+    static constexpr unsigned WRITE_LIMIT_MS = 30000;
+    static constexpr const char* WRITE_LIMIT_ENV = "HOSTGAUGE_WRITE_LIMIT_MS";
     // How long accepting rests once descriptors have run out.
     static constexpr unsigned ACCEPT_PAUSE_SECONDS = 1;
     // Descriptors that connections leave to the rest of the daemon (log files, the load
@@ -45,7 +49,7 @@ public:
     // `prepared`: fd was accepted non-blocking and close-on-exec.
     void startNewConnection(int fd, bool prepared = false);
     // Takes the circuit out of the live list; it is deleted on the loop's next pass (all
-    // circuits waiting then go through one zero-delay timeout, or at the next accept).
+    // circuits waiting then go through one zero-delay timeout).
     void DeleteRequestCircuit(RequestCircuit* circuit);
     void deleteCB(KyCallback<cbdispatch>* callback, cbdispatch reason, RequestCircuit* circuit);
 
@@ -71,9 +75,13 @@ private:
     bool acceptOne();
     void stopAccepting(const KyUnixError& reason);
     void resumeCB(KyCallback<cbdispatch>* callback, cbdispatch reason);
-    void idleCB(KyCallback<cbdispatch>* callback, cbdispatch reason);
-    void closeIdleCircuits(const KyTimeVal& now);
-    void armIdleTimer();
+    void sweepCB(KyCallback<cbdispatch>* callback, cbdispatch reason);
+    // Closes the connections past their limits and arms the sweep for the next deadline.
+    void sweep();
+    // The monotonic time at which the circuit is past its limit, or 0 if it has none.
+    std::uint64_t deadline(const RequestCircuit& circuit) const;
+    // Arms the sweep at the monotonic time `due`, unless it is armed for earlier already.
+    void armSweep(std::uint64_t due);
     void arm(OwnTimer& timer, const KyTimeVal& due);
     void disarm(OwnTimer& timer);
     bool atConnectionLimit() const;
@@ -88,12 +96,14 @@ private:
     // The one zero-delay timeout that deletes every pending circuit; its datum is unused.
     DeleteCallback deleteCallback_{this, &Listener::deleteCB, nullptr};
     bool deletionArmed_ = false;
-    KyTimeVal idleLimit_;
+    std::uint64_t idleLimit_;  // microseconds
+    std::uint64_t writeLimit_; // microseconds
+    std::uint64_t sweepDue_ = 0;
     std::size_t connectionLimit_;
     // True from a failure for want of descriptors until the accept queue has been emptied.
     bool outOfDescriptors_ = false;
     OwnTimer resumeTimer_{this, &Listener::resumeCB};
-    OwnTimer idleTimer_{this, &Listener::idleCB};
+    OwnTimer sweepTimer_{this, &Listener::sweepCB};
 };
 
 // The probe's one control listener, made at start-up.

@@ -7,12 +7,13 @@
 #include <cstring>
 
 #include "lib/codeset/converter.h"
+#include "lib/time.h"
 #include "lib/unistring.h"
 #include "probe/listener.h"
 #include "probe/messages.h"
 
 RequestCircuit::RequestCircuit(KyEventLoop& loop, int fd, Listener* listener, bool prepared)
-    : KyByteCircuit(loop), connection_(fd), listener_(listener) {
+    : KyByteCircuit(loop), connection_(fd), listener_(listener), accepted_(MonotonicMicros()) {
     if (!prepared) {
         connection_.SetBlocking(false);
         // A load-tool run forked while this connection is open must not hold it open too.
@@ -84,6 +85,7 @@ void RequestCircuit::SendReply(const KyByteBuffer& reply, bool close) {
 }
 
 void RequestCircuit::QueueReply(const KyByteBuffer& reply, bool close) {
+    progress_ = MonotonicMicros();
     Write(reply, true);
     if (close && isOpen()) {
         answered_ = true;
@@ -105,6 +107,25 @@ void RequestCircuit::EndOfFile(bool) {
 }
 
 void RequestCircuit::WriteStopped() {
+    finish();
+}
+
+void RequestCircuit::WriteMore(unsigned) {
+    progress_ = MonotonicMicros();
+}
+
+// A reset or failed connection has nothing more to say: closed now, not after the idle limit.
+void RequestCircuit::ReadError() {
+    finish();
+}
+
+bool RequestCircuit::hasUnreadInput() {
+    long available = 0;
+    return connection_.AmountAvailable(available) && available > 0;
+}
+
+void RequestCircuit::closeStalled() {
+    StopWrite(true);
     finish();
 }
 

@@ -9,7 +9,6 @@
 #include "lib/bytecircuit.h"
 #include "lib/eventloop.h"
 #include "lib/socket.h"
-#include "lib/time.h"
 #include "probe/parsecommand.h"
 
 class Listener;
@@ -28,8 +27,10 @@ public:
 
     void EndOfFile(bool inMiddle) override;
     void ReadAvail(KyByteBuffer& incoming) override;
+    void ReadError() override;
     void WriteError() override;
     void WriteStopped() override;
+    void WriteMore(unsigned written) override;
 
     // True when `request` now holds a whole request; a too short one is refused here.
     bool isComplete(KyByteBuffer& request);
@@ -40,17 +41,27 @@ public:
 
     // Ends a connection that has sent nothing for too long: no reply, just the close.
     void closeIdle();
+    // Ends a connection whose reader stopped taking the reply: the rest is dropped.
+    void closeStalled();
     // Still waiting for its request: neither answered nor ended.
     bool awaitingRequest() const { return !answered_ && isOpen(); }
+    // Answered, and the reply is still being written.
+    bool writingReply() const { return answered_ && isOpen(); }
     bool isOpen() const { return connection_.FileDescriptor() >= 0; }
-    const KyTimeVal& acceptedAt() const { return accepted_; }
+    // Bytes that have arrived but not been read yet.
+    bool hasUnreadInput();
+    // On the monotonic clock, in microseconds: when the connection was accepted, and when
+    // its reply was queued or last made progress.
+    std::uint64_t acceptedAt() const { return accepted_; }
+    std::uint64_t lastProgress() const { return progress_; }
 
 private:
     void finish();
 
     KySocket connection_;
     Listener* listener_;
-    KyTimeVal accepted_;
+    std::uint64_t accepted_;
+    std::uint64_t progress_ = 0;
     bool answered_ = false;
     KyByteBuffer request_;
     KyByteBuffer reply_;
