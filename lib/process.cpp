@@ -252,8 +252,12 @@ KyStatus KyUnixProcess::Fork(ForkParams& params) {
         SetUpChild(params, params.wantPipe_ ? out : nullptr, params.wantErrorPipe_ ? err : nullptr);
         if (params.command_ != nullptr) {
             Exec(params.command_, params);
-            params.execFailure_ = true;
-            return Failure;
+            // A deliberate departure from handing the failure back to the caller: the child
+            // is a copy of the whole daemon (its event loop, sockets, pid file, timers), and a
+            // copy returning into that code would serve and fork on its own for ever. It ends
+            // here, touching nothing: no log record, no destructors, no exit handlers. The
+            // parent sees a run that produced nothing.
+            _exit(EXIT_EXEC_FAILED);
         }
     }
     InstallHandler(SIGCHLD);

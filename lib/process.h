@@ -25,6 +25,8 @@ public:
 class KyUnixProcess : public KyProcess {
 public:
     static constexpr int SignalCount = 256;
+    // How a forked child whose exec failed ends, as a shell reports a command it cannot run.
+    static constexpr int EXIT_EXEC_FAILED = 127;
 
     // How a child ended: its exit status, or the signal that killed it (code 0 then).
     struct child_info {
