@@ -27,6 +27,7 @@ Cache::Cache(unsigned int minCacheSize, unsigned int maxVirtualMemory,
 void Cache::addToCache(unsigned int idle, unsigned int vmemFree, unsigned int physMemFree,
                        unsigned int swappedIn, unsigned int swappedOut) {
     samples_.emplace_back(idle, vmemFree, physMemFree, swappedIn, swappedOut);
+    ++added_;
     resizeCache();
     lastIdle_ = idle;
     lastVmemFree_ = vmemFree;

@@ -61,6 +61,8 @@ public:
     const KyTimeVal& getLastTime() const { return lastTime_; }
     unsigned int getCacheSize() const { return cacheSize_; }
     std::size_t getLength() const { return samples_.size(); }
+    // Samples cached since start-up.
+    std::uint64_t getSamplesAdded() const { return added_; }
 
 private:
     std::deque<CacheObject> samples_; // oldest first
@@ -73,6 +75,7 @@ private:
     unsigned int lastIdle_ = 0;
     unsigned int lastVmemFree_ = 0;
     KyTimeVal lastTime_;
+    std::uint64_t added_ = 0;
 };
 
 // The probe's one cache, made at start-up.

@@ -5,12 +5,14 @@
 #include "lib/eventloop.h"
 #include "probe/bogomips.h"
 #include "probe/bootstrap.h"
+#include "probe/cache.h"
 #include "probe/hostlistmgr.h"
 #include "probe/logging.h"
 #include "probe/messages.h"
 #include "probe/processexit.h"
 #include "probe/vmstatfilter.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <sys/resource.h>
@@ -100,7 +102,8 @@ ChildManager::ChildManager(KyEventLoop& loop, BaseFilter* filter)
                         {this, &ChildManager::signalCB, SIGINT},
                         {this, &ChildManager::signalCB, SIGPIPE}}},
       filter_(filter), command_(probePath()),
-      retrySleep_([](unsigned int seconds) { ::sleep(seconds); }) {
+      retrySleep_([](unsigned int seconds) { ::sleep(seconds); }),
+      retryCallback_(this, &ChildManager::retryCB) {
     if (myBootstrap) {
         setSampleRateAndWindowSize(myBootstrap->getSampleRate(), myBootstrap->getWindowSize());
     }
@@ -112,6 +115,9 @@ ChildManager::ChildManager(KyEventLoop& loop, BaseFilter* filter)
 }
 
 ChildManager::~ChildManager() {
+    if (retryArmed_) {
+        loop_.RemoveTimeoutEvent(retryDue_, &retryCallback_);
+    }
     if (childPid_ != -1) {
         killChild();
     }
@@ -190,6 +196,7 @@ int ChildManager::forkChild() {
             }
             childPid_ = params_.ChildPid();
             pipe_ = params_.PipeDescriptor();
+            samplesAtFork_ = samplesCached();
             loop_.AddFileEvent(static_cast<unsigned int>(pipe_), true, false, &readPipeCallback_);
             return childPid_;
         }
@@ -275,6 +282,7 @@ void ChildManager::closePipe() {
 }
 
 void ChildManager::finishRun() {
+    const bool cachedSamples = samplesCached() != samplesAtFork_;
     if (result_ >= 0) {
         // Re-rated only while the machine is nearly idle, so the loop is not slowed by load.
         if (result_ >= REBOGO_IDLE && myBogomips) {
@@ -286,5 +294,38 @@ void ChildManager::finishRun() {
     result_ = -1;
     filter_->resetFilter();
     buffer_.clear();
+    if (!cachedSamples) {
+        return retryLater();
+    }
+    emptyRuns_ = 0;
+    retryWait_ = 0;
     forkChild();
+}
+
+std::uint64_t ChildManager::samplesCached() const {
+    return myCache ? myCache->getSamplesAdded() : 0;
+}
+
+// A deliberate departure from forking again at once: a tool that cannot run or exits
+// straight away (a wrong path, procps's vmstat refusing "-S" without a unit) would be
+// started thousands of times a second, with a log record for each run.
+void ChildManager::retryLater() {
+    ++emptyRuns_;
+    if (emptyRuns_ == EMPTY_RUNS_TO_LOG ||
+        (emptyRuns_ > EMPTY_RUNS_TO_LOG &&
+         (emptyRuns_ - EMPTY_RUNS_TO_LOG) % EMPTY_RUNS_PER_REMINDER == 0)) {
+        LogToolFail(emptyRuns_);
+    }
+    const unsigned int cap = std::max(sampleRate_, FIRST_RETRY_SECONDS);
+    retryWait_ = retryWait_ == 0 ? FIRST_RETRY_SECONDS : std::min(2 * retryWait_, cap);
+    retryDue_ = KyTimeVal() + KyTimeVal(retryWait_, 0);
+    loop_.AddTimeoutEvent(retryDue_, &retryCallback_);
+    retryArmed_ = true;
+}
+
+void ChildManager::retryCB(KyCallback<KyEvent::cbdispatch>*, KyEvent::cbdispatch reason) {
+    retryArmed_ = false;
+    if (reason == KyEvent::Fired) {
+        forkChild();
+    }
 }

@@ -5,9 +5,11 @@
 
 #include "lib/event.h"
 #include "lib/process.h"
+#include "lib/time.h"
 #include "lib/unistring.h"
 
 #include <array>
+#include <cstdint>
 #include <cstdlib>
 #include <functional>
 #include <memory>
@@ -76,6 +78,12 @@ public:
     static constexpr unsigned int FORK_RETRY_SECONDS = 30;
     // A run's average idle at or above which the CPU is re-rated.
     static constexpr int REBOGO_IDLE = 95;
+    // After a run that cached nothing the next fork waits, from this many seconds doubling
+    // up to the sample rate, so a tool that fails at once cannot make the daemon spin.
+    static constexpr unsigned int FIRST_RETRY_SECONDS = 1;
+    // Empty runs in a row before the tool's failure is logged, then runs between reminders.
+    static constexpr unsigned int EMPTY_RUNS_TO_LOG = 5;
+    static constexpr unsigned int EMPTY_RUNS_PER_REMINDER = 100;
 
     ChildManager(KyEventLoop& loop, BaseFilter* filter);
     ~ChildManager();
@@ -96,7 +104,12 @@ public:
     unsigned int getWindowSize() const { return windowSize_; }
     const char* const* getArguments() const { return command_.argv(); }
     int getChildPid() const { return childPid_; }
+    // A run is under way and its output is being read.
+    bool isReading() const { return pipe_ >= 0; }
     unsigned int getWrongChildCount() const { return wrongChildCount_; }
+    // Runs in a row that cached no sample, and the wait before the next fork (0: none).
+    unsigned int getEmptyRuns() const { return emptyRuns_; }
+    unsigned int getRetryWait() const { return retryWait_; }
     // Replaces the pause between failed fork attempts (tests use this to avoid waiting).
     void setRetrySleep(RetrySleep sleep) { retrySleep_ = std::move(sleep); }
 
@@ -106,6 +119,11 @@ private:
     // The end of a run: report its average, forget its text and start the next one.
     void finishRun();
     void killChild();
+    // Counts a run that cached nothing, logs the tool's failure now and then, and arms the
+    // delayed fork.
+    void retryLater();
+    void retryCB(KyCallback<KyEvent::cbdispatch>*, KyEvent::cbdispatch reason);
+    std::uint64_t samplesCached() const;
 
     KyUnixProcess::ForkParams params_;
     KyEventLoop& loop_;
@@ -127,6 +145,12 @@ private:
     int childPid_ = -1;
     ToolOutputBuffer buffer_;
     RetrySleep retrySleep_;
+    KySimpleCallback<KyEvent::cbdispatch, ChildManager> retryCallback_;
+    KyTimeVal retryDue_{0, 0};
+    bool retryArmed_ = false;
+    unsigned int retryWait_ = 0;
+    unsigned int emptyRuns_ = 0;
+    std::uint64_t samplesAtFork_ = 0;
 };
 
 // The probe's one child manager, made at start-up.

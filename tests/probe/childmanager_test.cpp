@@ -6,6 +6,7 @@
 #include "probe/cache.h"
 #include "probe/childmanager.h"
 #include "probe/vmstatfilter.h"
+#include "tests/lib/loopcall.h"
 
 #include <gtest/gtest.h>
 
@@ -125,13 +126,14 @@ protected:
         manager->setSampleRateAndWindowSize(5, 10);
         ASSERT_GT(manager->forkChild(), 0);
     }
-    // Reads as the loop would until the run is over and the next one started.
+    // Reads as the loop would until the run is over (and the next one started, unless the
+    // run cached nothing and the next fork waits).
     void finishRun() {
         const int pid = manager->getChildPid();
-        for (int reads = 0; manager->getChildPid() == pid && reads < 100; ++reads) {
+        for (int reads = 0; reads < 100 && manager->getChildPid() == pid && manager->isReading();
+             ++reads) {
             manager->readpipeCB(nullptr, KyEvent::Fired);
         }
-        ASSERT_NE(manager->getChildPid(), pid);
     }
 
     ScriptedProcess process;
@@ -161,13 +163,45 @@ TEST_F(ChildManagerTest, EndsARunAfterTwoEmptyReadsAndStartsTheNext) {
     finishRun();
     EXPECT_GT(ratings, ratingsBefore) << "95 re-rates the CPU";
     EXPECT_EQ(cache.getLength(), 3u);
+}
 
-    process.script = "exit 0";
+// The monotonic clock the loop's timeouts run on, moved by hand.
+std::uint64_t fakeMonotonic = 0;
+std::uint64_t realWall() {
+    return std::uint64_t(KyTimeVal().Seconds()) * 1000000 + KyTimeVal().Microseconds();
+}
+
+// Runs that cache nothing wait before the next fork: 1 s, doubling, at most the sample
+// rate (5 s here); a run that caches a sample ends the waiting.
+TEST_F(ChildManagerTest, RunsThatCacheNothingWaitLongerBeforeTheNextFork) {
+    fakeMonotonic = 1000000000;
+    loop.SetClocks(realWall, [] { return fakeMonotonic; });
+    // One pass of the loop after `seconds` have gone by: true if the tool was started again.
+    auto forksAfter = [this](double seconds) {
+        const int before = process.forks;
+        fakeMonotonic += static_cast<std::uint64_t>(seconds * 1e6);
+        Call<> leave{[this](int reason) {
+            if (reason == KyEvent::Fired)
+                loop.ExitEventLoop(0);
+        }};
+        loop.AddTimeoutEvent(KyTimeVal(), &leave);
+        loop.EnterEventLoop();
+        return process.forks > before;
+    };
+    start("exit 0");
+    for (const unsigned wait : {1u, 2u, 4u, 5u, 5u}) {
+        finishRun();
+        EXPECT_EQ(manager->getRetryWait(), wait);
+        EXPECT_FALSE(forksAfter(wait - 0.05)) << "forked early after an empty run";
+        EXPECT_TRUE(forksAfter(0.1)) << "no fork " << wait << " s after an empty run";
+    }
+    EXPECT_EQ(manager->getEmptyRuns(), 5u);
+    process.script = runPrinting(50);
+    finishRun(); // the empty run before the script changed
+    ASSERT_TRUE(forksAfter(5.1));
     finishRun();
-    const int ratingsAfter = ratings;
-    finishRun(); // a run without output reports nothing but still restarts the tool
-    EXPECT_EQ(ratings, ratingsAfter);
-    EXPECT_EQ(cache.getLength(), 4u);
+    EXPECT_EQ(manager->getRetryWait(), 0u);
+    EXPECT_EQ(manager->getEmptyRuns(), 0u);
 }
 
 TEST_F(ChildManagerTest, IgnoresTheDeathOfAnotherChild) {
