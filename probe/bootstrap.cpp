@@ -3,6 +3,10 @@
 // set-up is in place; every other problem is logged as it is found.
 #include "probe/bootstrap.h"
 
+#include <filesystem>
+#include <string>
+#include <system_error>
+
 #include "lib/file.h"
 #include "probe/logging.h"
 #include "probe/messages.h"
@@ -25,7 +29,6 @@ const KyUniString Bootstrap::attrMaxPhysMemory = "corvane.config.hostspread.maxp
 const KyUniString Bootstrap::attrMultiProcessorFactor =
     "corvane.config.hostspread.multiprocessorfactor";
 const KyUniString Bootstrap::DEFAULT_FILTER = "vmstatFilter";
-const KyUniString Bootstrap::DEFAULT_PROBEPATH = "/usr/bin/vmstat -S";
 const KyUniString Bootstrap::DEFAULT_LOGDIR = "/tmp";
 const KyUniString Bootstrap::DEFAULT_LOGFILTER =
     "*/*/*:hostgauge%%PID%%_error.log,*/*/*error:hostgauge%%PID%%_error.jsl,"
@@ -57,6 +60,19 @@ KyUniString firstWord(KyUniString const& commandLine) {
 
 } // namespace
 
+// A departure from the classic "/usr/bin/vmstat -S": procps's vmstat wants a unit after
+// -S and exits at once, so on Linux the daemon would never measure anything by default.
+// The tool shipped beside the daemon speaks the expected columns.
+const KyUniString& Bootstrap::defaultProbePath() {
+    static const KyUniString path = [] {
+        std::error_code error;
+        const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+        const std::filesystem::path directory = error ? "/usr/sbin" : self.parent_path();
+        return KyUniString(std::string_view((directory / "hostgauge-vmstat").string() + " -S"));
+    }();
+    return path;
+}
+
 Bootstrap::Bootstrap(KyUniString directory, unsigned processorCount)
     : directory_(std::move(directory)), numProcessors_(processorCount) {
     useDefaults();
@@ -68,7 +84,7 @@ Bootstrap::Bootstrap(KyUniString directory, unsigned processorCount)
 void Bootstrap::useDefaults() {
     port_ = DEFAULT_PORT;
     filter_ = DEFAULT_FILTER;
-    probePath_ = DEFAULT_PROBEPATH;
+    probePath_ = defaultProbePath();
     logDirectory_ = DEFAULT_LOGDIR;
     pidDirectory_ = DEFAULT_LOGDIR;
     windowSize_ = DEFAULT_WINDOWSIZE;
@@ -131,11 +147,11 @@ void Bootstrap::readLogSettings() {
 
 // Only the program is checked; its arguments are taken as they are.
 void Bootstrap::readProbePath() {
-    probePath_ = GetString(attrProbePath, DEFAULT_PROBEPATH);
+    probePath_ = GetString(attrProbePath, defaultProbePath());
     const KyUniString program = firstWord(probePath_);
     if (!KyFile::DoesPathExist(program.AsUtf8())) {
-        LogPathNonExistant(program, DEFAULT_PROBEPATH, attrProbePath);
-        probePath_ = DEFAULT_PROBEPATH;
+        LogPathNonExistant(program, defaultProbePath(), attrProbePath);
+        probePath_ = defaultProbePath();
     }
 }
 

@@ -26,9 +26,11 @@ public:
     static const KyUniString attrMaxPhysMemory;
     static const KyUniString attrMultiProcessorFactor;
     static const KyUniString DEFAULT_FILTER;
-    static const KyUniString DEFAULT_PROBEPATH;
     static const KyUniString DEFAULT_LOGDIR;
     static const KyUniString DEFAULT_LOGFILTER;
+    // The load tool built beside the daemon: "hostgauge-vmstat -S" in the directory of the
+    // running executable, found once through /proc/self/exe.
+    static const KyUniString& defaultProbePath();
     static constexpr unsigned MIN_SAMPLERATE = 5;
     static constexpr unsigned MIN_WINDOWSIZE = 1;
     static constexpr unsigned MIN_SAMPLERATExWINDOWSIZE = 15;

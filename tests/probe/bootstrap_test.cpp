@@ -121,7 +121,11 @@ TEST(Bootstrap, BadValuesAreReportedAndReplacedExceptThePidDirectory) {
     EXPECT_EQ(boot.getHostLifeTime(), 86400u);
     EXPECT_EQ(boot.getSampleRate(), 5u);
     EXPECT_EQ(boot.getWindowSize(), 3u);
-    EXPECT_TRUE(boot.getProbePath() == "/usr/bin/vmstat -S");
+    // The tool beside the running program.
+    const std::string tool =
+        (std::filesystem::read_symlink("/proc/self/exe").parent_path() / "hostgauge-vmstat -S")
+            .string();
+    EXPECT_EQ(boot.getProbePath().AsUtf8(), tool);
     EXPECT_TRUE(boot.getPidDirectory() == KyUniString(config.Dir() / "missing"));
     EXPECT_EQ(boot.getMaxVirtualMem(), 1024u);
     EXPECT_EQ(boot.getMaxPhysMem(), 1024u); // 32-bit wrap of 4194305 * 1024
@@ -134,8 +138,8 @@ TEST(Bootstrap, BadValuesAreReportedAndReplacedExceptThePidDirectory) {
                                tail);
     EXPECT_EQ(log[1].text.find("The attribute " + prefix + "hostlifetime has the value 0"), 0u);
     EXPECT_EQ(log[2].text, "The path or object /no/such/tool does not exist. Using the "
-                           "built-in default /usr/bin/vmstat -S for the\nattribute " +
-                               prefix +
+                           "built-in default " +
+                               tool + " for the\nattribute " + prefix +
                                "probepath. The hostgauge may not function correctly.\nThe "
                                "most likely cause is incorrect configuration. \nCorrect the "
                                "configuration in the hostgauge.properties file and restart "
