@@ -200,8 +200,11 @@ bool KyLog::SetupJSFilters(std::span<const KyUniString> terms) {
         }
     }
     BuildLookup();
+    // The process's own destinations exist from set-up, written to or not, so operators
+    // and log rotation find them; a forked child's are made by its first record instead.
     for (auto const& file : state.files) {
         file->Open(state.pid);
+        file->Writable();
     }
     return true;
 }
@@ -330,7 +333,8 @@ void KyLog::JsLogFile::Open(int pid) {
     openFailed_ = false;
 }
 
-// Lazy: a daemon that forks a tool every run must not leave a file pair per child behind.
+// Lazy after a fork: a daemon that forks a tool every run must not leave a file pair per
+// child behind.
 std::FILE* KyLog::JsLogFile::Writable() {
     if (stream_ != nullptr || openFailed_) {
         return stream_;

@@ -77,7 +77,7 @@ public:
     std::FILE* Writable();
     KyUnixError const& LastError() const { return lastError_; }
 
-    // Fixes the path for the process id; the file is created by the first record.
+    // Fixes the path for the process id; the file is created by Writable().
     void Open(int pid);
     void ReOpen();
     void Close();

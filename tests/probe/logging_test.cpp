@@ -21,7 +21,7 @@ TEST(ProbeLogging, DefaultFilterRoutesByLevel) {
     Logging logging(KyUniString(dir.Path()), Bootstrap::DEFAULT_LOGFILTER);
     EXPECT_TRUE(logging.isInitialised());
     LogStarted();
-    EXPECT_FALSE(std::filesystem::exists(Named(dir, ".jsl"))) << "made by its first record";
+    EXPECT_TRUE(std::filesystem::is_empty(Named(dir, ".jsl"))) << "made at start-up";
     testing::internal::CaptureStderr();
     LogNewConnection("10.0.0.1");
     LogPipeFail(512, 4);
@@ -44,8 +44,8 @@ TEST(ProbeLogging, FilterMatchingNothingWritesNothing) {
     LogTempDir dir;
     Logging logging(KyUniString(dir.Path()), "other/*/*:x.log,hostgauge/*/nolevel:y.log");
     LogStarted();
-    EXPECT_FALSE(std::filesystem::exists(dir / "x.log"));
-    EXPECT_FALSE(std::filesystem::exists(dir / "y.log"));
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "x.log"));
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "y.log"));
 }
 
 TEST(ProbeLogging, FlushAndReopenStartFreshFilesWhereTheOldOnesWereMovedAway) {
