@@ -144,6 +144,27 @@ inline std::string request(unsigned short port, const std::string& text) {
     return request(port, std::vector<std::string>{text});
 }
 
+// The daemon's own processor time (user and system) so far.
+inline std::chrono::milliseconds cpuTime(pid_t pid) {
+    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+    std::string field;
+    long ticks = 0;
+    for (int index = 3; index <= 15 && fields >> field; ++index) {
+        if (index >= 14) {
+            ticks += std::stol(field);
+        }
+    }
+    return std::chrono::milliseconds(ticks * 1000 / ::sysconf(_SC_CLK_TCK));
+}
+
+// How many descriptors the process holds open.
+inline std::size_t openDescriptors(pid_t pid) {
+    std::error_code error;
+    const fs::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd", error);
+    return error ? 0 : std::size_t(std::distance(entries, fs::directory_iterator()));
+}
+
 inline const std::string kStatusRequest = "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n";
 
 // A subscription for a load balancer on 127.0.0.1 at a 5 s sample rate and a window of 3.

@@ -31,20 +31,6 @@ std::size_t count(const std::string& text, const std::string& what) {
     return found;
 }
 
-// The daemon's own processor time (user and system) so far.
-std::chrono::milliseconds cpuTime(pid_t pid) {
-    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-    std::string field;
-    long ticks = 0;
-    for (int index = 3; index <= 15 && fields >> field; ++index) {
-        if (index >= 14) {
-            ticks += std::stol(field);
-        }
-    }
-    return std::chrono::milliseconds(ticks * 1000 / ::sysconf(_SC_CLK_TCK));
-}
-
 // Reads until the daemon closes, `chunk` bytes at a time with a pause between reads.
 std::string readSlowly(int fd, std::size_t chunk, std::chrono::milliseconds pause) {
     std::string reply;
@@ -175,6 +161,39 @@ TEST_F(Hardening, AConnectionStormUnderALowDescriptorLimitNeitherSpinsNorFloodsT
     })) << "served again once the storm is gone";
     EXPECT_EQ(::kill(pid, 0), 0);
     EXPECT_EQ(daemon_.log().find("Hostgauge stopped"), std::string::npos);
+}
+
+// A client that asks for a big report and then stops reading loses its connection once the
+// reply has made no progress for the write limit; one that resets before asking anything is
+// let go at once, not after the idle limit.
+TEST_F(Hardening, ConnectionsThatStopReadingOrResetAreClosedWithoutWaitingForEver) {
+    daemon_.setEnv("HOSTGAUGE_WRITE_LIMIT_MS", "1000");
+    daemon_.setEnv("HOSTGAUGE_IDLE_LIMIT_MS", "5000");
+    daemon_.set("maxhosts", "20000");
+    ASSERT_TRUE(daemon_.startServing());
+    // A report larger than the kernel takes into its socket buffers (4 MiB here).
+    subscribe(daemon_, 16000, drain_.port());
+    const std::size_t idle = openDescriptors(daemon_.pid());
+
+    const int stuck = connectTo(daemon_.port(), 4096);
+    ASSERT_EQ(::send(stuck, kStatus.data(), kStatus.size(), 0), ssize_t(kStatus.size()));
+    ASSERT_TRUE(waitFor([&] {
+        return daemon_.log().find("<connection><id>16000</id>") != std::string::npos;
+    })) << "the report was not written";
+    EXPECT_EQ(openDescriptors(daemon_.pid()), idle + 1) << "the reply is not stuck";
+    const auto stuckSince = std::chrono::steady_clock::now();
+    EXPECT_TRUE(waitFor([&] { return openDescriptors(daemon_.pid()) == idle; }, 5s));
+    EXPECT_GE(std::chrono::steady_clock::now() - stuckSince, 500ms);
+    ::close(stuck);
+
+    const int resets = connectTo(daemon_.port());
+    ASSERT_TRUE(waitFor([&] { return openDescriptors(daemon_.pid()) == idle + 1; }));
+    const linger abort{1, 0};
+    ::setsockopt(resets, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+    ::close(resets);
+    EXPECT_TRUE(waitFor([&] { return openDescriptors(daemon_.pid()) == idle; }, 2s));
+    EXPECT_EQ(daemon_.log().find("Bad request (length 0)"), std::string::npos)
+        << "a reset is no silent client";
 }
 
 } // namespace

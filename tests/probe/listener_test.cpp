@@ -9,8 +9,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "probe/listener.h"
 #include "tests/lib/loopcall.h"
@@ -132,6 +134,41 @@ TEST_F(ListenerTest, ASecondListenerCannotTakeTheSamePort) {
     EXPECT_TRUE(
         world_.Logged("Failed to bind to port " + std::to_string(port_) + ", reason bind("));
     EXPECT_TRUE(world_.Logged("(98) Address already in use"));
+}
+
+// The loop stalls past the idle limit (a slow name look-up, say) and the request arrives
+// during the stall: the sweep that runs in the same pass must leave that connection to be
+// read, not close it as silent.
+TEST_F(ListenerTest, AStalledLoopDoesNotCloseAConnectionWhoseRequestWaitsUnread) {
+    ::setenv(Listener::IDLE_LIMIT_ENV, "200", 1);
+    Listener patient(eventloop);
+    ::unsetenv(Listener::IDLE_LIMIT_ENV);
+    ASSERT_TRUE(patient.startListener(0));
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ::getsockname(patient.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    const int client = connectClient();
+    ASSERT_TRUE(runUntil([&] { return patient.liveCircuits() == 1; }));
+
+    std::this_thread::sleep_for(std::chrono::milliseconds(300)); // past the idle limit
+    int stall[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, stall), 0);
+    ASSERT_EQ(::write(stall[1], "x", 1), 1);
+    Call<> slowLookup([&](int) {
+        eventloop.RemoveFileEvent(stall[0], true, false, nullptr);
+        ASSERT_EQ(::write(client, "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n", 32), 32);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    });
+    eventloop.AddFileEvent(stall[0], true, false, &slowLookup);
+
+    std::string reply;
+    bool closed = false;
+    EXPECT_TRUE(runUntil([&] { return readAvailable(client, reply, closed) && closed; }));
+    EXPECT_NE(reply.find("No Updates</cvnlbreply>"), std::string::npos) << reply;
+    for (int fd : {client, stall[0], stall[1]}) {
+        ::close(fd);
+    }
 }
 
 } // namespace
