@@ -251,6 +251,11 @@ void ChildManager::readpipeCB(KyCallback<KyEvent::cbdispatch>*, KyEvent::cbdispa
 
 void ChildManager::deadkidCB(KyCallback<KyUnixProcess::child_info>*,
                              KyUnixProcess::child_info info) {
+    if (info.pid == childPid_ && retryArmed_) {
+        // Its run was over before it died (ended by the pipe), and the next run waits: the
+        // death of the last child is no news.
+        return;
+    }
     if (info.pid != childPid_) {
         int status = 0;
         const pid_t reaped = ::waitpid(-1, &status, WNOHANG);
@@ -310,6 +315,9 @@ std::uint64_t ChildManager::samplesCached() const {
 // straight away (a wrong path, procps's vmstat refusing "-S" without a unit) would be
 // started thousands of times a second, with a log record for each run.
 void ChildManager::retryLater() {
+    if (retryArmed_) {
+        return;
+    }
     ++emptyRuns_;
     if (emptyRuns_ == EMPTY_RUNS_TO_LOG ||
         (emptyRuns_ > EMPTY_RUNS_TO_LOG &&

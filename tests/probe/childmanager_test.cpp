@@ -189,7 +189,12 @@ TEST_F(ChildManagerTest, RunsThatCacheNothingWaitLongerBeforeTheNextFork) {
         return process.forks > before;
     };
     start("exit 0");
-    for (const unsigned wait : {1u, 2u, 4u, 5u, 5u}) {
+    finishRun();
+    // The death of the tool, reported after the pipe already ended its run, ends nothing more.
+    manager->deadkidCB(nullptr, {manager->getChildPid(), 0, 0});
+    EXPECT_EQ(manager->getEmptyRuns(), 1u);
+    EXPECT_TRUE(forksAfter(1.05));
+    for (const unsigned wait : {2u, 4u, 5u, 5u}) {
         finishRun();
         EXPECT_EQ(manager->getRetryWait(), wait);
         EXPECT_FALSE(forksAfter(wait - 0.05)) << "forked early after an empty run";
