@@ -1,6 +1,8 @@
 # Install layout (GNUInstallDirs) and the Debian package (CPack's DEB generator): the daemon
 # and its load tool side by side in sbin, the client in bin, the configuration, unit,
-# logrotate file and manual pages at the places Debian expects.
+# logrotate file and manual pages at the places Debian expects. The unit, the configuration
+# and the logrotate file name the package's paths (/usr/sbin, /etc, /var, /run), so an
+# install outside the package should use the prefix /usr as well.
 include(GNUInstallDirs)
 
 install(TARGETS hostgauge hostgauge-vmstat DESTINATION ${CMAKE_INSTALL_SBINDIR})
