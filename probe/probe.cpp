@@ -16,6 +16,9 @@
 #include "probe/responder.h"
 #include "probe/vmstatfilter.h"
 
+#include <cstdio>
+#include <string_view>
+
 namespace {
 
 constexpr int EXIT_UNKNOWN_FILTER = 4;
@@ -38,9 +41,38 @@ void buildMeasurement() {
     myChildManager = new ChildManager(eventloop, myFilter);
 }
 
+constexpr const char* USAGE =
+    "usage: hostgauge [configdir [ncpu]]\n"
+    "       hostgauge --version | --help\n"
+    "Reports this server's load to load balancers. Reads configdir/hostspread.properties\n"
+    "(default configdir: the current directory); ncpu (default 1) is the processor count\n"
+    "that scales the CPU rating. Runs in the foreground until SIGTERM or SIGINT;\n"
+    "SIGHUP reopens the log files. See hostgauge(8).\n";
+
+// The daemon otherwise takes no options: its first argument is the configuration directory.
+// These two are added so that packaging and operators can ask an installed binary what it
+// is without starting it; any other first argument is still taken as the directory.
+bool answeredQuery(int argc, char** argv) {
+    if (argc < 2) {
+        return false;
+    }
+    const std::string_view option = argv[1];
+    if (option == "--version") {
+        std::printf("hostgauge %s\n", HOSTGAUGE_VERSION);
+    } else if (option == "--help") {
+        std::fputs(USAGE, stdout);
+    } else {
+        return false;
+    }
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    if (answeredQuery(argc, argv)) {
+        return 0;
+    }
     the_current_process = &pr;
     const KyUniString directory(argc > 1 ? argv[1] : ".");
     const unsigned int processors = KyUniString(argc > 2 ? argv[2] : "1").AsUint32();

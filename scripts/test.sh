@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds hostgauge and runs every test: the plain build, then the same suite built with
 # AddressSanitizer and UndefinedBehaviorSanitizer (any report fails the run), then a short
-# run of each fuzz target. Set HOSTGAUGE_QUICK=1 to run the plain build only.
+# run of each fuzz target, and last, as root only, the Debian package's install test
+# (tests/pkg/package_check.sh). Set HOSTGAUGE_QUICK=1 to run the plain build only.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
@@ -34,3 +35,7 @@ if ls tests/fuzz/*_fuzz.cpp >/dev/null 2>&1; then
         rm -rf "$work"
     done
 fi
+
+# Installs and purges the package on this machine, so it runs only as root and says so
+# otherwise.
+bash tests/pkg/package_check.sh
