@@ -57,6 +57,8 @@ TEST(Subscription, CreateReportsAtTheReplyFrequencyAndOnChangeUntilKilled) {
         << before;
     EXPECT_TRUE(std::regex_search(before, std::regex(" GMT</time>No Updates</cvnlbreply>$")))
         << before;
+    EXPECT_TRUE(std::regex_search(before, std::regex("<stats>cpu=\\d+ bogo=[1-9]\\d* ")))
+        << "start-up rated the processor: " << before;
 
     ASSERT_TRUE(daemon.waitForLog("idle=37"));
     EXPECT_EQ(request(daemon.port(), create(7, subscriber.port())),
