@@ -289,9 +289,10 @@ void ChildManager::closePipe() {
 void ChildManager::finishRun() {
     const bool cachedSamples = samplesCached() != samplesAtFork_;
     if (result_ >= 0) {
-        // Re-rated only while the machine is nearly idle, so the loop is not slowed by load.
+        // Re-rated only while the machine is nearly idle, so the loop is not slowed by load,
+        // and only when the last rating is old (every rating stalls the loop).
         if (result_ >= REBOGO_IDLE && myBogomips) {
-            myBogomips->calculate();
+            myBogomips->recalculateIfStale();
         }
         HostListMgr::percentChangeCheck(static_cast<unsigned int>(result_));
     }

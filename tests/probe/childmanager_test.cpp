@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -141,10 +142,13 @@ protected:
     Cache cache{10, 1u << 30, 1u << 30};
     VmstatFilter filter{1u << 30, 1u << 30};
     int ratings = 0;
-    Bogomips bogomips{1, 80, [this](int loops) -> std::clock_t {
+    std::chrono::steady_clock::time_point now{};
+    Bogomips bogomips{1, 80,
+                      [this](std::uint64_t loops) -> std::clock_t {
                           ++ratings;
                           return static_cast<std::clock_t>(loops);
-                      }};
+                      },
+                      [this] { return now; }};
     std::unique_ptr<ChildManager> manager;
 };
 
@@ -161,8 +165,11 @@ TEST_F(ChildManagerTest, EndsARunAfterTwoEmptyReadsAndStartsTheNext) {
     finishRun();
     EXPECT_EQ(ratings, ratingsBefore);
     finishRun();
-    EXPECT_GT(ratings, ratingsBefore) << "95 re-rates the CPU";
-    EXPECT_EQ(cache.getLength(), 3u);
+    EXPECT_EQ(ratings, ratingsBefore) << "95, but the rating is not six hours old";
+    now += Bogomips::RERATE_AFTER;
+    finishRun();
+    EXPECT_GT(ratings, ratingsBefore) << "95 re-rates a six-hour-old rating";
+    EXPECT_EQ(cache.getLength(), 4u);
 }
 
 // The monotonic clock the loop's timeouts run on, moved by hand.
