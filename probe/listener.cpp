@@ -270,6 +270,10 @@ void Listener::startNewConnection(int fd, bool prepared) {
     armSweep(circuits_.back()->acceptedAt() + idleLimit_);
 }
 
+void Listener::watchReply(const RequestCircuit& circuit) {
+    armSweep(circuit.lastProgress() + writeLimit_);
+}
+
 void Listener::DeleteRequestCircuit(RequestCircuit* circuit) {
     const auto live = std::find_if(circuits_.begin(), circuits_.end(),
                                    [circuit](const auto& owned) { return owned.get() == circuit; });

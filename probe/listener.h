@@ -52,6 +52,9 @@ public:
     // circuits waiting then go through one zero-delay timeout).
     void DeleteRequestCircuit(RequestCircuit* circuit);
     void deleteCB(KyCallback<cbdispatch>* callback, cbdispatch reason, RequestCircuit* circuit);
+    // A reply that could not be written at once is closed if it makes no progress for the
+    // write limit, however far off the next idle deadline is.
+    void watchReply(const RequestCircuit& circuit);
 
     int fileDescriptor() const { return fd_; }
     std::size_t liveCircuits() const { return circuits_.size(); }

@@ -95,6 +95,9 @@ void RequestCircuit::QueueReply(const KyByteBuffer& reply, bool close) {
         // it, and it happens the moment the last byte is written, not on a later loop pass
         // (a zero-delay timeout waits while other connections keep the loop busy).
         StopWrite(false);
+        if (writingReply()) {
+            listener_->watchReply(*this); // the rest waits for the peer to read
+        }
     }
 }
 

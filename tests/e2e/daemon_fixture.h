@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -163,6 +164,45 @@ inline std::size_t openDescriptors(pid_t pid) {
     std::error_code error;
     const fs::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd", error);
     return error ? 0 : std::size_t(std::distance(entries, fs::directory_iterator()));
+}
+
+// The inode of the socket at the far end of the loopback TCP connection `client` (the
+// daemon's end), from /proc/net/tcp; empty if there is none.
+inline std::string peerSocketInode(int client) {
+    sockaddr_in local{};
+    socklen_t length = sizeof local;
+    ::getsockname(client, reinterpret_cast<sockaddr*>(&local), &length);
+    char wanted[16];
+    std::snprintf(wanted, sizeof wanted, ":%04X", unsigned(ntohs(local.sin_port)));
+    std::istringstream table(readFile("/proc/net/tcp"));
+    std::string line;
+    std::getline(table, line);
+    while (std::getline(table, line)) {
+        std::istringstream fields(line);
+        std::string slot, ours, theirs, skip, inode;
+        fields >> slot >> ours >> theirs;
+        for (int field = 0; field < 6; ++field) {
+            fields >> skip;
+        }
+        fields >> inode;
+        if (theirs.ends_with(wanted) && inode != "0") {
+            return inode;
+        }
+    }
+    return {};
+}
+
+// Whether the process holds a descriptor for the socket with this inode. Counting its
+// descriptors instead would also count the load tool's pipe, which comes and goes.
+inline bool holdsSocket(pid_t pid, const std::string& inode) {
+    std::error_code error;
+    for (const auto& entry :
+         fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
+        if (fs::read_symlink(entry.path(), error).string() == "socket:[" + inode + "]") {
+            return true;
+        }
+    }
+    return false;
 }
 
 inline const std::string kStatusRequest = "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n";
