@@ -13,9 +13,12 @@
 
 #include "lib/inetaddr.h"
 #include "lib/time.h"
+#include "probe/agentcircuit.h"
+#include "probe/allowlist.h"
 #include "probe/messages.h"
 
 Listener* myListener = nullptr;
+Listener* myAgentListener = nullptr;
 
 namespace {
 
@@ -51,9 +54,9 @@ std::size_t ConnectionLimit(int firstFree) {
 
 } // namespace
 
-Listener::Listener(KyEventLoop& loop)
+Listener::Listener(KyEventLoop& loop, Kind kind)
     : acceptCallback_(this, &Listener::acceptCB), loop_(loop), idleLimit_(IdleLimit()),
-      connectionLimit_(std::numeric_limits<std::size_t>::max()) {}
+      connectionLimit_(std::numeric_limits<std::size_t>::max()), kind_(kind) {}
 
 Listener::~Listener() {
     disarm(resumeTimer_);
@@ -70,6 +73,7 @@ Listener::~Listener() {
 }
 
 KyStatus Listener::startListener(int port) {
+    port_ = static_cast<unsigned>(port);
     if (!startListeningSocket(port)) {
         return Failure;
     }
@@ -159,6 +163,9 @@ bool Listener::acceptOne() {
         LogRemoteAddressFail();
         return true; // the socket object closes the connection
     }
+    if (!admits(peer)) {
+        return true; // closed unread and unanswered by the socket object
+    }
     LogNewConnection(peer.AsString());
     connection.SetCloseOnDestruct(false);
     startNewConnection(connection.FileDescriptor(), true);
@@ -236,8 +243,24 @@ void Listener::disarm(OwnTimer& timer) {
 }
 
 void Listener::startNewConnection(int fd, bool prepared) {
-    circuits_.push_back(std::make_unique<RequestCircuit>(loop_, fd, this, prepared));
+    if (kind_ == Kind::Agent) {
+        auto agent = std::make_unique<AgentCircuit>(loop_, fd, this, prepared);
+        AgentCircuit* answering = agent.get();
+        circuits_.push_back(std::move(agent));
+        // Answered once it is in the live list, so a write error can take it out again.
+        answering->answer();
+    } else {
+        circuits_.push_back(std::make_unique<RequestCircuit>(loop_, fd, this, prepared));
+    }
     armIdleTimer();
+}
+
+bool Listener::admits(const KyInetAddr& peer) {
+    if (myAllowList == nullptr || myAllowList->permits(peer)) {
+        return true;
+    }
+    refusals_.note(peer, port_, KyTimeVal());
+    return false;
 }
 
 void Listener::DeleteRequestCircuit(RequestCircuit* circuit) {

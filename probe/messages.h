@@ -64,3 +64,13 @@ void LogAttribGetFail(KyUniString const& name);
 void LogResultsCached(KyScalar<unsigned> idle, KyScalar<unsigned> swap,
                       KyScalar<unsigned> physMemFree, KyScalar<unsigned> swappedIn,
                       KyScalar<unsigned> swappedOut);
+
+// Records beyond the catalogue (43 on): the agent port, operator drain and maintenance,
+// and who may connect. Same style, their own numbers and categories.
+void LogStringAttrBadValue(KyUniString const& key, KyUniString const& value,
+                           KyUniString const& action);
+void LogAdminStateChanged(KyUniString const& from, KyUniString const& to);
+void LogAdminStateFileBad(KyUniString const& path, KyUniString const& content);
+void LogAdminStateFileFail(KyUniString const& path, KyUniString const& reason);
+void LogAdminSocketFail(KyUniString const& path, KyUniString const& reason);
+void LogConnectionRefused(KyUniString const& peer, KyScalar<unsigned> port);

@@ -39,15 +39,17 @@ public:
     void QueueReply(const KyByteBuffer& reply, bool close);
 
     // Ends a connection that has sent nothing for too long: no reply, just the close.
-    void closeIdle();
+    virtual void closeIdle();
     // Still waiting for its request: neither answered nor ended.
     bool awaitingRequest() const { return !answered_ && isOpen(); }
     bool isOpen() const { return connection_.FileDescriptor() >= 0; }
     const KyTimeVal& acceptedAt() const { return accepted_; }
 
-private:
+protected:
     void finish();
+    int descriptor() const { return connection_.FileDescriptor(); }
 
+private:
     KySocket connection_;
     Listener* listener_;
     KyTimeVal accepted_;
