@@ -68,10 +68,12 @@ void AdminConnection::WriteStopped() {
     close();
 }
 
+// A queued stop has closed the descriptor already by the time WriteStopped runs.
 void AdminConnection::close() {
-    if (!isOpen()) {
+    if (released_) {
         return;
     }
+    released_ = true;
     while (StopRead() > 0) {
     }
     connection_.Close();

@@ -42,4 +42,5 @@ private:
     std::string command_;
     KyByteBuffer answer_;
     bool answered_ = false;
+    bool released_ = false;
 };

@@ -12,10 +12,9 @@
 void AgentCircuit::answer() {
     const std::string text = AgentReply::current();
     line_ = KyByteBuffer(static_cast<std::uint32_t>(text.size()), text.data());
+    unsent_ = line_.Length();
+    // Not through a queued stop: that closes the descriptor, which must stay open to drain.
     Write(line_, true);
-    if (isOpen()) {
-        StopWrite(false);
-    }
 }
 
 void AgentCircuit::ReadAvail(KyByteBuffer& incoming) {
@@ -26,9 +25,12 @@ void AgentCircuit::ReadAvail(KyByteBuffer& incoming) {
     TakeIncoming(); // what the balancer sends (agent-send) carries nothing the answer needs
 }
 
-void AgentCircuit::WriteStopped() {
-    // The balancer sees the end of the line; the descriptor stays open for the drain.
-    ::shutdown(descriptor(), SHUT_WR);
+void AgentCircuit::WriteMore(unsigned written) {
+    unsent_ -= std::min<std::uint32_t>(written, unsent_);
+    if (unsent_ == 0 && isOpen()) {
+        // The balancer sees the end of the answer; the descriptor stays open for the drain.
+        ::shutdown(descriptor(), SHUT_WR);
+    }
 }
 
 void AgentCircuit::ReadError() {

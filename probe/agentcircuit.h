@@ -10,11 +10,13 @@ class AgentCircuit : public RequestCircuit {
 public:
     using RequestCircuit::RequestCircuit;
 
-    // Queues the line and the end of sending; the listener calls it once the circuit is live.
+    // Writes the line (queued if the socket is full); the listener calls it once the circuit
+    // is live.
     void answer();
 
     void ReadAvail(KyByteBuffer& incoming) override;
-    void WriteStopped() override;
+    // Counts the line's bytes out; after the last one the sending side is shut.
+    void WriteMore(unsigned written) override;
     // A balancer that reset the connection: nothing more will come.
     void ReadError() override;
     // Silent past the limit after the answer: closed without the bad-request record.
@@ -22,4 +24,5 @@ public:
 
 private:
     KyByteBuffer line_;
+    std::uint32_t unsent_ = 0;
 };
