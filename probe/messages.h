@@ -1,6 +1,7 @@
-// The probe's catalogue of 43 log messages, one free function per message. Each asks
-// the logger whether its number is wanted, builds the text around the inserted values
-// and hands it to the log framework, which routes it by the message's category.
+// The probe's catalogue of 43 log messages and the records added after it, one free
+// function per message. Each asks the logger whether its number is wanted, builds the text
+// around the inserted values and hands it to the log framework, which routes it by the
+// message's category.
 #pragma once
 
 #include "lib/numbers.h"
