@@ -11,6 +11,8 @@
 #include <cstring>
 
 #include "probe/adminstate.h"
+#include "probe/cache.h"
+#include "probe/hostlistmgr.h"
 #include "probe/messages.h"
 
 AdminSocket* myAdminSocket = nullptr;
@@ -121,7 +123,14 @@ std::string AdminSocket::execute(std::string_view command) {
     if (!mode) {
         return "error: unknown command '" + std::string(command.substr(0, 32)) + "'";
     }
-    if (!myAdminState->set(*mode)) {
+    const AdminState::Mode before = myAdminState->mode();
+    const KyStatus saved = myAdminState->set(*mode);
+    if (myAdminState->outOfRotation() != (before != AdminState::Mode::Ready)) {
+        // Subscribers hear of it now, not at their next tick: their percent-change test
+        // sees the jump between the idle they were sent and the idle now reported.
+        HostListMgr::percentChangeCheck(myCache ? myCache->getLastIdle() : 0);
+    }
+    if (!saved) {
         return "error: now " + std::string(AdminState::name(*mode)) +
                ", but the state file could not be written (see the log)";
     }
