@@ -34,6 +34,7 @@ send() { printf '%s' "$2" | nc -N 127.0.0.1 "$1" >/dev/null; }
 port=$(free_port)
 bash "$root/scripts/gen-config.sh" "$work/run" >/dev/null 2>&1
 sed -i -e "s|^corvane.config.hostspread.port=.*|corvane.config.hostspread.port=$port|" \
+    -e "s|^corvane.config.hostspread.agentport=.*|corvane.config.hostspread.agentport=0|" \
     -e "s|^corvane.config.hostspread.probepath=.*|corvane.config.hostspread.probepath=$build/hostgauge-vmstat -S|" \
     "$work/run/hostspread.properties"
 "$build/hostgauge" "$work/run" >"$work/daemon.out" 2>&1 &

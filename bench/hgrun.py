@@ -96,7 +96,8 @@ class Daemon:
                        check=True, capture_output=True)
         props = {"port": self.port, "probepath": f"{build}/hostgauge-vmstat -S",
                  "samplerate": samplerate, "windowsize": windowsize,
-                 "hostlifetime": 10 * 86400}
+                 "hostlifetime": 10 * 86400,
+                 "agentport": 0}  # the template's fixed 3333 would collide between runs
         props.update(extra or {})
         self._rewrite(os.path.join(self.run_dir, "hostspread.properties"), props)
         self.out = open(os.path.join(self.work, "daemon.out"), "w")

@@ -28,6 +28,11 @@ const KyUniString Bootstrap::attrMaxVirtualMemory = "corvane.config.hostspread.m
 const KyUniString Bootstrap::attrMaxPhysMemory = "corvane.config.hostspread.maxphysicalmemory";
 const KyUniString Bootstrap::attrMultiProcessorFactor =
     "corvane.config.hostspread.multiprocessorfactor";
+const KyUniString Bootstrap::attrAgentPort = "corvane.config.hostspread.agentport";
+const KyUniString Bootstrap::attrStateDirectory = "corvane.config.hostspread.statedirectory";
+const KyUniString Bootstrap::attrAllow = "corvane.config.hostspread.allow";
+const KyUniString Bootstrap::attrMaxHosts = "corvane.config.hostspread.maxhosts";
+const KyUniString Bootstrap::DEFAULT_ALLOW = "0.0.0.0/0";
 const KyUniString Bootstrap::DEFAULT_FILTER = "vmstatFilter";
 const KyUniString Bootstrap::DEFAULT_LOGDIR = "/tmp";
 const KyUniString Bootstrap::DEFAULT_LOGFILTER =
@@ -95,6 +100,10 @@ void Bootstrap::useDefaults() {
     maxPhysMem_ = DEFAULT_MAXPHYSMEMORY * KB_PER_UNIT;
     multiProcFactor_ = DEFAULT_MULTIPROCFACTOR;
     logFilter_ = DEFAULT_LOGFILTER;
+    agentPort_ = 0;
+    stateDirectory_ = DEFAULT_LOGDIR;
+    allow_ = DEFAULT_ALLOW;
+    maxHosts_ = DEFAULT_MAXHOSTS;
 }
 
 KyUniString Bootstrap::propertiesPath() const {
@@ -121,6 +130,7 @@ void Bootstrap::load() {
     maxPhysMem_ = GetUint(attrMaxPhysMemory, DEFAULT_MAXPHYSMEMORY) * KB_PER_UNIT;
     multiProcFactor_ = GetUint(attrMultiProcessorFactor, DEFAULT_MULTIPROCFACTOR);
     checkSampleRateAndWindowSize(sampleRate_, windowSize_);
+    readAccessSettings();
 }
 
 // Until Logging exists there is nowhere to write, so the problems with the log settings
@@ -161,6 +171,27 @@ void Bootstrap::readPidDirectory() {
     if (!isDirectory(pidDirectory_)) {
         LogPathNotDirectory(pidDirectory_, DEFAULT_LOGDIR, attrPidDirectory);
     }
+}
+
+// Unlike the other numbers, 0 is a meaningful agent port: none.
+void Bootstrap::readAccessSettings() {
+    constexpr std::uint32_t maxPort = 65535;
+    const KyUniString* port = properties_.Get(attrAgentPort);
+    agentPort_ = port != nullptr ? port->AsUint32() : 0;
+    if (port == nullptr) {
+        LogScalarAttrNonExistant(attrAgentPort, 0);
+    } else if (agentPort_ > maxPort || (agentPort_ == 0 && *port != "0")) {
+        LogScalarAttrBadValue(attrAgentPort, agentPort_, 0);
+        agentPort_ = 0;
+    }
+    // By default the state lives beside the pid file; packages point it at lasting storage.
+    stateDirectory_ = GetString(attrStateDirectory, pidDirectory_);
+    if (!isDirectory(stateDirectory_)) {
+        LogPathNotDirectory(stateDirectory_, pidDirectory_, attrStateDirectory);
+        stateDirectory_ = pidDirectory_;
+    }
+    allow_ = GetString(attrAllow, DEFAULT_ALLOW);
+    maxHosts_ = GetUint(attrMaxHosts, DEFAULT_MAXHOSTS);
 }
 
 unsigned Bootstrap::GetUint(KyUniString const& key, unsigned defaultValue) {
@@ -226,5 +257,9 @@ bool Bootstrap::setConfig() {
     properties_.Put(attrMaxVirtualMemory, number(maxVirtualMem_ / KB_PER_UNIT));
     properties_.Put(attrMaxPhysMemory, number(maxPhysMem_ / KB_PER_UNIT));
     properties_.Put(attrMultiProcessorFactor, number(multiProcFactor_));
+    properties_.Put(attrAgentPort, number(agentPort_));
+    properties_.Put(attrStateDirectory, stateDirectory_);
+    properties_.Put(attrAllow, allow_);
+    properties_.Put(attrMaxHosts, number(maxHosts_));
     return properties_.Save(propertiesPath(), "Written by hostgauge") == Success;
 }

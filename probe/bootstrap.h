@@ -25,6 +25,12 @@ public:
     static const KyUniString attrMaxVirtualMemory;
     static const KyUniString attrMaxPhysMemory;
     static const KyUniString attrMultiProcessorFactor;
+    static const KyUniString attrAgentPort;
+    static const KyUniString attrStateDirectory;
+    static const KyUniString attrAllow;
+    static const KyUniString attrMaxHosts;
+    static const KyUniString DEFAULT_ALLOW;
+    static constexpr unsigned DEFAULT_MAXHOSTS = 10000;
     static const KyUniString DEFAULT_FILTER;
     static const KyUniString DEFAULT_LOGDIR;
     static const KyUniString DEFAULT_LOGFILTER;
@@ -52,6 +58,11 @@ public:
     unsigned getMaxVirtualMem() const { return maxVirtualMem_; }
     unsigned getMaxPhysMem() const { return maxPhysMem_; }
     unsigned getMultiProcFactor() const { return multiProcFactor_; }
+    // 0: no agent port.
+    unsigned getAgentPort() const { return agentPort_; }
+    KyUniString const& getStateDirectory() const { return stateDirectory_; }
+    KyUniString const& getAllow() const { return allow_; }
+    unsigned getMaxHosts() const { return maxHosts_; }
 
     // One key with fallback: absent or (for numbers) zero gives the default, logged.
     unsigned GetUint(KyUniString const& key, unsigned defaultValue);
@@ -70,6 +81,8 @@ private:
     void readLogSettings();
     void readProbePath();
     void readPidDirectory();
+    // The agent port, the state directory, the allow list and the subscription cap.
+    void readAccessSettings();
     KyUniString propertiesPath() const;
 
     KyUniString directory_;
@@ -86,6 +99,10 @@ private:
     std::uint32_t maxVirtualMem_ = 768 * 1024;
     std::uint32_t maxPhysMem_ = 256 * 1024;
     std::uint32_t multiProcFactor_ = 80;
+    std::uint32_t agentPort_ = 0;
+    KyUniString stateDirectory_;
+    KyUniString allow_;
+    std::uint32_t maxHosts_ = DEFAULT_MAXHOSTS;
     KyProperties properties_;
     KyUniString logFilter_;
 };

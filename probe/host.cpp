@@ -9,6 +9,7 @@
 #include "lib/dlist.h"
 #include "lib/dns.h"
 #include "lib/eventloop.h"
+#include "probe/adminstate.h"
 #include "probe/bogomips.h"
 #include "probe/bootstrap.h"
 #include "probe/cache.h"
@@ -27,8 +28,20 @@ std::uint32_t absoluteDifference(std::uint32_t difference) {
     return static_cast<std::int32_t>(difference) < 0 ? 0u - difference : difference;
 }
 
+bool outOfRotation() {
+    return myAdminState != nullptr && myAdminState->outOfRotation();
+}
+
+// While the operator keeps the server out of rotation its load reads as no idle time at
+// all, so that balancers steer new work elsewhere.
 std::unique_ptr<StatsPacket> averageOf(unsigned int entries) {
-    return myCache ? myCache->getAverageOfNIdleValues(entries) : nullptr;
+    auto packet = myCache ? myCache->getAverageOfNIdleValues(entries) : nullptr;
+    if (packet && outOfRotation()) {
+        packet =
+            std::make_unique<StatsPacket>(0, packet->getVirtualMemFree(), packet->getPhysMemFree(),
+                                          packet->getSwappedIn(), packet->getSwappedOut());
+    }
+    return packet;
 }
 
 } // namespace
@@ -121,6 +134,9 @@ bool Host::loadMoved(unsigned int idle, const StatsPacket& packet) const {
 }
 
 void Host::percentChange(unsigned int idle) {
+    if (outOfRotation()) {
+        idle = 0;
+    }
     auto packet = averageOf(cacheEntries_);
     if (!packet) {
         LogCacheEmpty(hostname_);

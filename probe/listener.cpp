@@ -13,9 +13,12 @@
 
 #include "lib/inetaddr.h"
 #include "lib/time.h"
+#include "probe/agentcircuit.h"
+#include "probe/allowlist.h"
 #include "probe/messages.h"
 
 Listener* myListener = nullptr;
+Listener* myAgentListener = nullptr;
 
 namespace {
 
@@ -55,11 +58,11 @@ std::size_t ConnectionLimit(int firstFree) {
 
 } // namespace
 
-Listener::Listener(KyEventLoop& loop)
+Listener::Listener(KyEventLoop& loop, Kind kind)
     : acceptCallback_(this, &Listener::acceptCB), loop_(loop),
       idleLimit_(LimitFromEnvironment(IDLE_LIMIT_ENV, IDLE_LIMIT_MS)),
       writeLimit_(LimitFromEnvironment(WRITE_LIMIT_ENV, WRITE_LIMIT_MS)),
-      connectionLimit_(std::numeric_limits<std::size_t>::max()) {}
+      connectionLimit_(std::numeric_limits<std::size_t>::max()), kind_(kind) {}
 
 Listener::~Listener() {
     disarm(resumeTimer_);
@@ -76,6 +79,7 @@ Listener::~Listener() {
 }
 
 KyStatus Listener::startListener(int port) {
+    port_ = static_cast<unsigned>(port);
     if (!startListeningSocket(port)) {
         return Failure;
     }
@@ -156,6 +160,9 @@ bool Listener::acceptOne() {
     if (!connection.RemoteAddress(peer)) {
         LogRemoteAddressFail();
         return true; // the socket object closes the connection
+    }
+    if (!admits(peer)) {
+        return true; // closed unread and unanswered by the socket object
     }
     LogNewConnection(peer.AsString());
     connection.SetCloseOnDestruct(false);
@@ -266,12 +273,29 @@ void Listener::disarm(OwnTimer& timer) {
 }
 
 void Listener::startNewConnection(int fd, bool prepared) {
-    circuits_.push_back(std::make_unique<RequestCircuit>(loop_, fd, this, prepared));
-    armSweep(circuits_.back()->acceptedAt() + idleLimit_);
+    if (kind_ == Kind::Agent) {
+        auto agent = std::make_unique<AgentCircuit>(loop_, fd, this, prepared);
+        AgentCircuit* answering = agent.get();
+        circuits_.push_back(std::move(agent));
+        armSweep(answering->acceptedAt() + idleLimit_);
+        // Answered once it is in the live list, so a write error can take it out again.
+        answering->answer();
+    } else {
+        circuits_.push_back(std::make_unique<RequestCircuit>(loop_, fd, this, prepared));
+        armSweep(circuits_.back()->acceptedAt() + idleLimit_);
+    }
 }
 
 void Listener::watchReply(const RequestCircuit& circuit) {
     armSweep(circuit.lastProgress() + writeLimit_);
+}
+
+bool Listener::admits(const KyInetAddr& peer) {
+    if (myAllowList == nullptr || myAllowList->permits(peer)) {
+        return true;
+    }
+    refusals_.note(peer, port_, KyTimeVal());
+    return false;
 }
 
 void Listener::DeleteRequestCircuit(RequestCircuit* circuit) {

@@ -15,6 +15,7 @@
 #include "lib/numbers.h"
 #include "lib/socket.h"
 #include "lib/time.h"
+#include "probe/refusallog.h"
 #include "probe/requestcircuit.h"
 
 class Listener {
@@ -35,7 +36,11 @@ public:
     // tool's pipe), so a flood of clients cannot stall the measurement.
     static constexpr unsigned RESERVED_DESCRIPTORS = 16;
 
-    explicit Listener(KyEventLoop& loop);
+    // What the accepted connections are: control requests, or the load balancers' agent
+    // check (an AgentCircuit answers at once).
+    enum class Kind { Control, Agent };
+
+    explicit Listener(KyEventLoop& loop, Kind kind = Kind::Control);
     ~Listener();
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;
@@ -88,6 +93,8 @@ private:
     void arm(OwnTimer& timer, const KyTimeVal& due);
     void disarm(OwnTimer& timer);
     bool atConnectionLimit() const;
+    // False for a peer outside the allow list; the refusal is logged, at most once a minute.
+    bool admits(const KyInetAddr& peer);
 
     AcceptCallback acceptCallback_;
     KyEventLoop& loop_;
@@ -107,7 +114,12 @@ private:
     bool outOfDescriptors_ = false;
     OwnTimer resumeTimer_{this, &Listener::resumeCB};
     OwnTimer sweepTimer_{this, &Listener::sweepCB};
+    Kind kind_ = Kind::Control;
+    unsigned port_ = 0;
+    RefusalLog refusals_;
 };
 
 // The probe's one control listener, made at start-up.
 extern Listener* myListener;
+// The agent port's listener, when one is configured.
+extern Listener* myAgentListener;

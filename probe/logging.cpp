@@ -55,10 +55,17 @@ constexpr const char* categories[] = {
     "hostgauge/set_attribute/moreinfo",
     "hostgauge/get_attribute/error",
     "hostgauge/results/moreinfo",
+    // Beyond the catalogue.
+    "hostgauge/initialize/error",
+    "hostgauge/admin/info",
+    "hostgauge/admin/error",
+    "hostgauge/admin/error",
+    "hostgauge/admin/error",
+    "hostgauge/listener/info",
     nullptr,
 };
 
-static_assert(std::size(categories) == 44, "43 messages and the end marker");
+static_assert(std::size(categories) == 50, "43 catalogue messages, 6 more and the end marker");
 
 } // namespace
 

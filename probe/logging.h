@@ -1,6 +1,6 @@
 // The probe's layer over the log framework: MyLogger supplies the categories of the 43
-// catalogue messages, and Logging sets the framework up from the configured log
-// directory and filter string, and flushes, reopens or closes the logs on request.
+// catalogue messages and the records after them, and Logging sets the framework up from the
+// configured log directory and filter string, and flushes, reopens or closes the logs on request.
 #pragma once
 
 #include <memory>
@@ -10,7 +10,8 @@
 
 class MyLogger : public KyLog {
 public:
-    // "hostgauge/<area>/<level>" for messages 0 to 42, then a null entry.
+    // "hostgauge/<area>/<level>" for messages 0 to 42 and the records after them, then a
+    // null entry.
     const char* const* MessageStrings() const override;
 };
 

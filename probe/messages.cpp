@@ -256,3 +256,32 @@ void LogResultsCached(KyScalar<unsigned> idle, KyScalar<unsigned> swap,
          ", \nphysmemfree=", physMemFree, ", swappedin=", swappedIn, ", swappedout=", swappedOut,
          ".");
 }
+void LogStringAttrBadValue(KyUniString const& key, KyUniString const& value,
+                           KyUniString const& action) {
+    Emit(43, "The attribute ", key, " has the value ", value, " which is invalid. ", action,
+         "\nThe most likely cause is incorrect configuration.\nCorrect the configuration in the "
+         "hostgauge.properties file and restart the hostgauge.");
+}
+void LogAdminStateChanged(KyUniString const& from, KyUniString const& to) {
+    Emit(44, "The operator changed the hostgauge state from ", from, " to ", to, ".");
+}
+void LogAdminStateFileBad(KyUniString const& path, KyUniString const& content) {
+    Emit(45, "The state file ", path, " holds ", content,
+         " which is not a state. The hostgauge starts in the state ready.\nSet the state again "
+         "with hostgauge-ctl drain, maint or ready.");
+}
+void LogAdminStateFileFail(KyUniString const& path, KyUniString const& reason) {
+    Emit(46, "Failed to write the state file ", path, ", reason ", reason,
+         ".\nThe state holds until the hostgauge stops but will not survive a restart.\nCheck "
+         "the statedirectory setting and the permissions of that directory.");
+}
+void LogAdminSocketFail(KyUniString const& path, KyUniString const& reason) {
+    Emit(47, "Failed to open the admin socket ", path, ", reason ", reason,
+         ".\nhostgauge-ctl cannot change the state of this hostgauge.\nCheck the piddirectory "
+         "setting and that no other hostgauge uses this socket.");
+}
+void LogConnectionRefused(KyUniString const& peer, KyScalar<unsigned> port) {
+    Emit(48, "Refused a connection from ", peer, " to port ", port,
+         ": the address is not in the allow list. Further refusals of this address are not "
+         "logged for a minute.");
+}

@@ -1,6 +1,7 @@
-// The probe's catalogue of 43 log messages, one free function per message. Each asks
-// the logger whether its number is wanted, builds the text around the inserted values
-// and hands it to the log framework, which routes it by the message's category.
+// The probe's catalogue of 43 log messages and the records added after it, one free
+// function per message. Each asks the logger whether its number is wanted, builds the text
+// around the inserted values and hands it to the log framework, which routes it by the
+// message's category.
 #pragma once
 
 #include "lib/numbers.h"
@@ -64,3 +65,13 @@ void LogAttribGetFail(KyUniString const& name);
 void LogResultsCached(KyScalar<unsigned> idle, KyScalar<unsigned> swap,
                       KyScalar<unsigned> physMemFree, KyScalar<unsigned> swappedIn,
                       KyScalar<unsigned> swappedOut);
+
+// Records beyond the catalogue (43 on): the agent port, operator drain and maintenance,
+// and who may connect. Same style, their own numbers and categories.
+void LogStringAttrBadValue(KyUniString const& key, KyUniString const& value,
+                           KyUniString const& action);
+void LogAdminStateChanged(KyUniString const& from, KyUniString const& to);
+void LogAdminStateFileBad(KyUniString const& path, KyUniString const& content);
+void LogAdminStateFileFail(KyUniString const& path, KyUniString const& reason);
+void LogAdminSocketFail(KyUniString const& path, KyUniString const& reason);
+void LogConnectionRefused(KyUniString const& peer, KyScalar<unsigned> port);

@@ -6,6 +6,10 @@
 #include <array>
 #include <string_view>
 
+#include "lib/dlist.h"
+#include "lib/dns.h"
+#include "probe/adminstate.h"
+#include "probe/allowlist.h"
 #include "probe/bogomips.h"
 #include "probe/bootstrap.h"
 #include "probe/cache.h"
@@ -25,6 +29,10 @@ constexpr std::size_t NO_UPDATES_SIZE_HINT = 32;
 // What the probe itself reads now, for the create reply and the status report.
 unsigned int currentIdle() {
     return myCache ? myCache->getLastIdle() : 0;
+}
+// What a CREATE reply reports: no idle time while the operator keeps the server out.
+unsigned int reportedIdle() {
+    return myAdminState != nullptr && myAdminState->outOfRotation() ? 0 : currentIdle();
 }
 unsigned int currentVmemFree() {
     return myCache ? myCache->getLastVmemFree() : 0;
@@ -213,15 +221,35 @@ unsigned int ParseCommand::statMask() const {
 
 KyOSStream& ParseCommand::doCreateHost() {
     const unsigned int mask = statMask();
+    if (const char* refusal = createRefusal()) {
+        return writeErrorReply(KyUniString(refusal));
+    }
     if (HostListMgr::addHost(host, port, samplerate, windowsize, replyfreq, percentchange, id,
                              version, mask) == nullptr) {
         return writeErrorReply(KyUniString("Host not created"));
     }
     writeReplyHead(CREATE_REPLY_START);
     reply_ << ID_START << id << ID_END;
-    writeStats(reply_, mask, currentIdle(), bestBogo(), currentVmemFree());
+    writeStats(reply_, mask, reportedIdle(), bestBogo(), currentVmemFree());
     reply_ << REPLY_END;
     return reply_;
+}
+
+const char* ParseCommand::createRefusal() const {
+    const unsigned int cap = myBootstrap ? myBootstrap->getMaxHosts() : Bootstrap::DEFAULT_MAXHOSTS;
+    if (HostListMgr::getHostList().size() >= cap) {
+        return MAXHOSTS_ERROR;
+    }
+    if (myAllowList == nullptr || myAllowList->allowsEveryone()) {
+        return nullptr;
+    }
+    // A name that does not resolve is left to the registry, which reports it as before.
+    KyDList<KyInetAddr> addresses;
+    if (KyDNS::GetAddressList(host, addresses, false) == KyDNS::Ok && !addresses.IsEmpty() &&
+        !myAllowList->permits(addresses[0])) {
+        return DESTINATION_ERROR;
+    }
+    return nullptr;
 }
 
 KyOSStream& ParseCommand::doKill() {

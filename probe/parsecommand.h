@@ -78,6 +78,8 @@ public:
     static constexpr const char* PERCENTCHANGE_ERROR = "Error parsing percentchange; ";
     static constexpr const char* STAT_ERROR = "Error parsing stat; ";
     static constexpr const char* CVNLBINFO_ERROR = "Error parsing command";
+    static constexpr const char* MAXHOSTS_ERROR = "Host not created: subscription limit reached";
+    static constexpr const char* DESTINATION_ERROR = "Host not created: destination not allowed";
 
     ParseCommand();
     ~ParseCommand() = default;
@@ -108,6 +110,9 @@ private:
     void writeReplyHead(const char* replyStart);
     void writeConnection(const Host& host);
     unsigned int statMask() const;
+    // The reason a CREATE may not go ahead (cap reached, destination outside the allow
+    // list), or null.
+    const char* createRefusal() const;
 
     KyOSStream errors_;
     KyOSStream reply_;

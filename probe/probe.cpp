@@ -4,6 +4,9 @@
 #include "lib/eventloop.h"
 #include "lib/process.h"
 #include "lib/unistring.h"
+#include "probe/adminsocket.h"
+#include "probe/adminstate.h"
+#include "probe/allowlist.h"
 #include "probe/bogomips.h"
 #include "probe/bootstrap.h"
 #include "probe/cache.h"
@@ -67,6 +70,18 @@ bool answeredQuery(int argc, char** argv) {
     return true;
 }
 
+// Who may connect, the agent port and the admin socket. An agent
+// port that cannot be opened is logged; the control port still serves.
+void buildAccess() {
+    myAllowList = new AllowList(myBootstrap->getAllow(), Bootstrap::attrAllow);
+    if (myBootstrap->getAgentPort() != 0) {
+        myAgentListener = new Listener(eventloop, Listener::Kind::Agent);
+        myAgentListener->startListener(static_cast<int>(myBootstrap->getAgentPort()));
+    }
+    myAdminSocket = new AdminSocket(eventloop, myBootstrap->getPidDirectory().AsUtf8() +
+                                                   AdminSocket::SOCKET_NAME);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -79,6 +94,8 @@ int main(int argc, char** argv) {
 
     myBootstrap = new Bootstrap(directory, processors);
     LogStarted();
+    // Before anything can report load, so a drain set before a restart holds from the start.
+    myAdminState = new AdminState(myBootstrap->getStateDirectory());
     buildMeasurement();
     // Rated before the tool starts, so the tool's own load does not disturb the rating.
     myBogomips->calculate();
@@ -89,6 +106,7 @@ int main(int argc, char** argv) {
     if (!myListener->startListener(static_cast<int>(myBootstrap->getPort()))) {
         return EXIT_NO_LISTENER;
     }
+    buildAccess();
     myPidFile = new PidFile(myBootstrap->getPidDirectory());
     processExit(eventloop.EnterEventLoop());
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "lib/logging.h"
+#include "probe/adminsocket.h"
 #include "probe/bogomips.h"
 #include "probe/bootstrap.h"
 #include "probe/childmanager.h"
@@ -28,6 +29,7 @@ void release(T*& object) {
 void processExit(int code) {
     release(myChildManager);
     release(myPidFile);
+    release(myAdminSocket); // removes the socket file
     release(myBootstrap);
     release(myBogomips);
     release(myFilter);

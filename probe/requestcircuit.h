@@ -40,7 +40,7 @@ public:
     void QueueReply(const KyByteBuffer& reply, bool close);
 
     // Ends a connection that has sent nothing for too long: no reply, just the close.
-    void closeIdle();
+    virtual void closeIdle();
     // Ends a connection whose reader stopped taking the reply: the rest is dropped.
     void closeStalled();
     // Still waiting for its request: neither answered nor ended.
@@ -55,9 +55,11 @@ public:
     std::uint64_t acceptedAt() const { return accepted_; }
     std::uint64_t lastProgress() const { return progress_; }
 
-private:
+protected:
     void finish();
+    int descriptor() const { return connection_.FileDescriptor(); }
 
+private:
     KySocket connection_;
     Listener* listener_;
     std::uint64_t accepted_;

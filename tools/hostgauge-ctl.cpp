@@ -1,12 +1,14 @@
 // hostgauge-ctl: the operator's client for a running hostgauge daemon. It sends the status
 // query, subscribe and kill requests on the control port and prints the answers readably
-// (or raw with --xml), and prints the load datagrams that arrive on a UDP port.
+// (or raw with --xml), prints the load datagrams that arrive on a UDP port, sets and shows
+// the drain/maintenance state over the local admin socket, and shows the agent port's line.
 // Exit status: 0 done, 1 no daemon (or no UDP port), 2 bad arguments, 3 the daemon refused.
 #include "lib/dns.h"
 #include "lib/error.h"
 #include "lib/inetaddr.h"
 #include "lib/socket.h"
 #include "lib/unistring.h"
+#include "tools/ctl_admin.h"
 #include "tools/ctl_report.h"
 #include "tools/ctl_request.h"
 
@@ -31,10 +33,11 @@ constexpr int kExitUsage = 2;
 constexpr int kExitRefused = 3;
 constexpr int kReplyTimeoutMs = 10000;
 constexpr std::uint32_t kMaxPort = 65535;
+constexpr std::uint32_t kAgentPort = 3333;
 constexpr std::uint32_t kMaxNumber = std::numeric_limits<std::uint32_t>::max();
 
 constexpr std::string_view kUsage =
-    "usage: hostgauge-ctl [-H host] [-p port] [--xml] COMMAND\n"
+    "usage: hostgauge-ctl [-H host] [-p port] [-s socket] [--xml] COMMAND\n"
     "\n"
     "commands:\n"
     "  status                 the daemon's readings and one row per subscription\n"
@@ -46,17 +49,29 @@ constexpr std::string_view kUsage =
     "  listen PORT [--count N]\n"
     "                         print each load datagram arriving on UDP port PORT, with\n"
     "                         its time; stop after N datagrams (default: never)\n"
+    "  drain                  take this server out of rotation: balancers see it fully\n"
+    "                         busy (weight 0, cpu=0); survives daemon restarts\n"
+    "  maint                  put this server in maintenance: agent checks see it down\n"
+    "  ready                  back into rotation\n"
+    "  state                  print ready, drain or maint\n"
+    "  agent                  print the line the agent port answers (-p: agent port,\n"
+    "                         default 3333)\n"
     "\n"
     "options:\n"
     "  -H host   the daemon's host (default 127.0.0.1)\n"
-    "  -p port   the daemon's control port (default 3579)\n"
+    "  -p port   the daemon's control port (default 3579), or its agent port for agent\n"
+    "  -s path   the daemon's admin socket for drain, maint, ready, state and status\n"
+    "            (default: /run/hostgauge/hostgauge.sock, then /tmp/hostgauge.sock)\n"
     "  --xml     print replies and datagrams as the daemon sent them\n"
+    "\n"
+    "drain, maint, ready and state work only on the daemon's own machine, as its user.\n"
     "\n"
     "exit status: 0 done, 1 daemon not reachable or UDP port not usable, 2 bad arguments,\n"
     "3 request refused by the daemon\n";
 
 struct Options {
     std::string daemonHost = "127.0.0.1";
+    std::string adminSocket;
     std::uint32_t daemonPort = 3579;
     bool xml = false;
     bool help = false;
@@ -110,6 +125,12 @@ std::string ApplyOption(std::string_view name, std::string_view value, Options& 
                              std::to_string(option.high) + ", not '" + std::string(value) + "'";
         }
     }
+    if (name == "-s") {
+        if (value.empty())
+            return quoted + "needs a socket path";
+        o.adminSocket = value;
+        return {};
+    }
     if (name == "-H" || name == "--host") {
         if (!ctl::ValidHostName(value))
             return quoted + "needs a host name or dotted address";
@@ -162,7 +183,14 @@ std::string CheckCommand(const Options& o) {
         operands = 1;
         if (o.command == "listen")
             allowed.insert("--count");
-    } else if (o.command != "status") {
+    } else if (o.command == "drain" || o.command == "maint" || o.command == "ready" ||
+               o.command == "state") {
+        allowed = {"-s"};
+    } else if (o.command == "agent") {
+        allowed = {"-H", "-p"};
+    } else if (o.command == "status") {
+        allowed.insert("-s");
+    } else {
         return o.command.empty() ? "no command given" : "unknown command " + o.command;
     }
     for (const auto& name : o.given) {
@@ -255,13 +283,27 @@ KyStatus Exchange(const Options& o, std::string_view request, std::string& reply
     return Success;
 }
 
+// The state goes on the status report's first line. Only a daemon on this machine has an
+// admin socket to ask; for another host the state cannot be known from here.
+std::string WithState(const Options& o, std::string table) {
+    const bool local =
+        !o.adminSocket.empty() || o.daemonHost == "127.0.0.1" || o.daemonHost == "localhost";
+    std::string answer, error;
+    const std::string state = local && ctl::AdminExchange(ctl::AdminSocketCandidates(o.adminSocket),
+                                                          "state", answer, error, 2000)
+                                  ? answer
+                                  : "unknown (no admin socket)";
+    const auto end = table.find('\n');
+    return table.insert(end == std::string::npos ? table.size() : end, ", state " + state);
+}
+
 int PrintReply(const Options& o, std::string_view text, bool status) {
     const ctl::Reply reply = ctl::ReadReply(text);
     if (o.xml) {
         std::printf("%.*s\n", static_cast<int>(text.size()), text.data());
     } else if (!reply.Failed()) {
         const std::string shown =
-            status ? ctl::StatusTable(text) : ctl::DescribeReply(text, reply) + "\n";
+            status ? WithState(o, ctl::StatusTable(text)) : ctl::DescribeReply(text, reply) + "\n";
         std::fputs(shown.c_str(), stdout);
     }
     if (reply.Failed()) {
@@ -321,7 +363,39 @@ int Listen(const Options& o, std::uint32_t port) {
     return 0;
 }
 
+int Admin(const Options& o) {
+    std::string answer, error;
+    if (!ctl::AdminExchange(ctl::AdminSocketCandidates(o.adminSocket), o.command, answer, error)) {
+        Say(stderr, error);
+        return kExitUnreachable;
+    }
+    if (answer.rfind("error:", 0) == 0) {
+        Say(stderr, "the daemon refused the request: " + answer.substr(7));
+        return kExitRefused;
+    }
+    std::printf("%s\n", answer.c_str());
+    return 0;
+}
+
+// The agent port answers on connect; nothing is sent.
+int Agent(Options o) {
+    if (!o.given.contains("-p"))
+        o.daemonPort = kAgentPort;
+    std::string reply, error;
+    if (!Exchange(o, "", reply, error)) {
+        Say(stderr, error);
+        return kExitUnreachable;
+    }
+    std::fputs(reply.c_str(), stdout);
+    return 0;
+}
+
 int Run(const Options& o) {
+    if (o.command == "drain" || o.command == "maint" || o.command == "ready" ||
+        o.command == "state")
+        return Admin(o);
+    if (o.command == "agent")
+        return Agent(o);
     if (o.command == "status")
         return Request(o, ctl::kStatusRequest, true);
     if (o.command == "subscribe") {

@@ -297,6 +297,7 @@ public:
             text += "corvane.config.hostspread." + key + "=" + value + "\n";
         }
         writeFile(dir_ / "hostspread.properties", text);
+        status_ = -1; // a restart: the new process is the one to wait for
         pid_ = ::fork();
         if (pid_ == 0) {
             for (const auto& [name, value] : environment_) {

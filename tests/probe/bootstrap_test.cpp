@@ -47,7 +47,11 @@ public:
                 {"piddirectory", dir_.Path()},
                 {"maxvirtualmemory", "1"},
                 {"maxphysicalmemory", "2"},
-                {"multiprocessorfactor", "90"}};
+                {"multiprocessorfactor", "90"},
+                {"agentport", "0"},
+                {"statedirectory", dir_.Path()},
+                {"allow", "10.0.0.0/8"},
+                {"maxhosts", "5"}};
     }
     std::vector<LogRecord> Log() const { return ParseRecords(ReadWhole(dir_ / "boot.log")); }
     static std::string defaultLog(std::string const& extension) {
@@ -86,12 +90,23 @@ TEST(Bootstrap, FileWithoutKeysReportsEveryKeyInOrder) {
     config.Write({{"unrelated", "x"}});
     Bootstrap boot(config.Path(), 1);
     const auto log = ParseRecords(ReadWhole(ConfigDir::defaultLog(".log")));
-    const std::vector<std::string> keys = {
-        "logdirectory",        "logfilter",        "port",
-        "windowsize",          "samplerate",       "hostlifetime",
-        "mincachesize",        "filter",           "probepath",
-        "piddirectory",        "maxvirtualmemory", "maxphysicalmemory",
-        "multiprocessorfactor"};
+    const std::vector<std::string> keys = {"logdirectory",
+                                           "logfilter",
+                                           "port",
+                                           "windowsize",
+                                           "samplerate",
+                                           "hostlifetime",
+                                           "mincachesize",
+                                           "filter",
+                                           "probepath",
+                                           "piddirectory",
+                                           "maxvirtualmemory",
+                                           "maxphysicalmemory",
+                                           "multiprocessorfactor",
+                                           "agentport",
+                                           "statedirectory",
+                                           "allow",
+                                           "maxhosts"};
     ASSERT_EQ(log.size(), keys.size());
     for (std::size_t i = 0; i < keys.size(); ++i) {
         EXPECT_EQ(log[i].text.find("The attribute " + prefix + keys[i] + " does not exist"), 0u)
@@ -114,6 +129,8 @@ TEST(Bootstrap, BadValuesAreReportedAndReplacedExceptThePidDirectory) {
     entries["probepath"] = "/no/such/tool -x";
     entries["piddirectory"] = config.Dir() / "missing";
     entries["maxphysicalmemory"] = "4194305";
+    entries["agentport"] = "70000";
+    entries["statedirectory"] = config.Dir() / "gone";
     config.Write(entries);
     Bootstrap boot(config.Path(), 1);
 
@@ -129,9 +146,22 @@ TEST(Bootstrap, BadValuesAreReportedAndReplacedExceptThePidDirectory) {
     EXPECT_TRUE(boot.getPidDirectory() == KyUniString(config.Dir() / "missing"));
     EXPECT_EQ(boot.getMaxVirtualMem(), 1024u);
     EXPECT_EQ(boot.getMaxPhysMem(), 1024u); // 32-bit wrap of 4194305 * 1024
+    EXPECT_EQ(boot.getAgentPort(), 0u);
+    EXPECT_TRUE(boot.getStateDirectory() == boot.getPidDirectory());
+    EXPECT_EQ(boot.getMaxHosts(), 5u);
 
     const auto log = config.Log();
-    ASSERT_EQ(log.size(), 4u);
+    ASSERT_EQ(log.size(), 6u);
+    EXPECT_EQ(log[4].text.find("The attribute " + prefix +
+                               "agentport has the value 70000 which is invalid. The built-in "
+                               "default value 0 "),
+              0u);
+    EXPECT_EQ(log[5].text.find("The path " + config.Dir() / "gone" +
+                               " does not exist or is not a directory. Using the built-in "
+                               "default " +
+                               config.Dir() / "missing" + " for the attribute " + prefix +
+                               "statedirectory."),
+              0u);
     EXPECT_EQ(log[0].text, "The attribute " + prefix +
                                "port has the value 0 which is invalid. The built-in default "
                                "value 3579 will be used instead" +
