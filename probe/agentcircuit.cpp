@@ -8,8 +8,10 @@
 #include <algorithm>
 
 #include "probe/agentreply.h"
+#include "probe/counters.h"
 
 void AgentCircuit::answer() {
+    ++myCounters.agentAnswers;
     const std::string text = AgentReply::current();
     line_ = KyByteBuffer(static_cast<std::uint32_t>(text.size()), text.data());
     unsent_ = line_.Length();

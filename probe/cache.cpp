@@ -33,6 +33,7 @@ void Cache::addToCache(unsigned int idle, unsigned int vmemFree, unsigned int ph
     lastVmemFree_ = vmemFree;
     highestIdle_ = std::max(highestIdle_, idle);
     lastTime_.now();
+    history_.add({std::time(nullptr), idle, vmemFree, physMemFree, swappedIn, swappedOut});
     LogResultsCached(idle, vmemFree, physMemFree, swappedIn, swappedOut);
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "lib/time.h"
+#include "probe/history.h"
 
 #include <cstdint>
 #include <deque>
@@ -63,6 +64,8 @@ public:
     std::size_t getLength() const { return samples_.size(); }
     // Samples cached since start-up.
     std::uint64_t getSamplesAdded() const { return added_; }
+    // The newest samples with their times, kept apart from the cache's own size rules.
+    const History& getHistory() const { return history_; }
 
 private:
     std::deque<CacheObject> samples_; // oldest first
@@ -76,6 +79,7 @@ private:
     unsigned int lastVmemFree_ = 0;
     KyTimeVal lastTime_;
     std::uint64_t added_ = 0;
+    History history_;
 };
 
 // The probe's one cache, made at start-up.

@@ -6,6 +6,7 @@
 #include "probe/bogomips.h"
 #include "probe/bootstrap.h"
 #include "probe/cache.h"
+#include "probe/counters.h"
 #include "probe/hostlistmgr.h"
 #include "probe/logging.h"
 #include "probe/messages.h"
@@ -195,6 +196,7 @@ int ChildManager::forkChild() {
                 return 0;
             }
             childPid_ = params_.ChildPid();
+            ++myCounters.toolRuns;
             pipe_ = params_.PipeDescriptor();
             samplesAtFork_ = samplesCached();
             loop_.AddFileEvent(static_cast<unsigned int>(pipe_), true, false, &readPipeCallback_);
@@ -320,6 +322,7 @@ void ChildManager::retryLater() {
         return;
     }
     ++emptyRuns_;
+    ++myCounters.emptyToolRuns;
     if (emptyRuns_ == EMPTY_RUNS_TO_LOG ||
         (emptyRuns_ > EMPTY_RUNS_TO_LOG &&
          (emptyRuns_ - EMPTY_RUNS_TO_LOG) % EMPTY_RUNS_PER_REMINDER == 0)) {

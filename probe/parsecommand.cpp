@@ -14,6 +14,7 @@
 #include "probe/bootstrap.h"
 #include "probe/cache.h"
 #include "probe/childmanager.h"
+#include "probe/counters.h"
 #include "probe/host.h"
 #include "probe/hostlistmgr.h"
 #include "probe/messages.h"
@@ -185,12 +186,16 @@ bool ParseCommand::readNumber(LbsAttributes& attributes, const char* name, std::
 KyOSStream& ParseCommand::runCommand(LbsCommand command) {
     switch (command) {
     case LBS_CREATE:
+        ++myCounters.creates;
         return doCreateHost();
     case LBS_KILL:
+        ++myCounters.kills;
         return doKill();
     case LBS_ADMIN:
+        ++myCounters.admins;
         return doAdmin();
     default:
+        ++myCounters.statusQueries;
         return doGetStatus();
     }
 }
@@ -200,6 +205,7 @@ void ParseCommand::writeReplyHead(const char* replyStart) {
 }
 
 KyOSStream& ParseCommand::writeErrorReply(const KyUniString& errorText) {
+    ++myCounters.errorReplies;
     writeReplyHead(ERROR_REPLY_START);
     reply_ << ERROR_START << GET << errorText << ERROR_END << REPLY_END;
     return reply_;

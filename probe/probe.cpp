@@ -11,6 +11,7 @@
 #include "probe/bootstrap.h"
 #include "probe/cache.h"
 #include "probe/childmanager.h"
+#include "probe/counters.h"
 #include "probe/hostlistmgr.h"
 #include "probe/listener.h"
 #include "probe/messages.h"
@@ -20,6 +21,7 @@
 #include "probe/vmstatfilter.h"
 
 #include <cstdio>
+#include <ctime>
 #include <string_view>
 
 namespace {
@@ -89,6 +91,7 @@ int main(int argc, char** argv) {
         return 0;
     }
     the_current_process = &pr;
+    myCounters.startedAt = std::time(nullptr);
     const KyUniString directory(argc > 1 ? argv[1] : ".");
     const unsigned int processors = KyUniString(argc > 2 ? argv[2] : "1").AsUint32();
 

@@ -5,12 +5,18 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
+#include <string>
 
 #include "lib/codeset/converter.h"
 #include "lib/time.h"
 #include "lib/unistring.h"
+#include "probe/counters.h"
+#include "probe/httprequest.h"
 #include "probe/listener.h"
 #include "probe/messages.h"
+#include "probe/metricspage.h"
+#include "probe/statuspage.h"
 
 RequestCircuit::RequestCircuit(KyEventLoop& loop, int fd, Listener* listener, bool prepared)
     : KyByteCircuit(loop), connection_(fd), listener_(listener), accepted_(MonotonicMicros()) {
@@ -42,9 +48,25 @@ void RequestCircuit::ReadAvail(KyByteBuffer& incoming) {
         return;
     }
     request_.Append(TakeIncoming());
+    // HTTP GETs are read up to the end of their headers, which browsers make longer than
+    // the 512 bytes that bound every other request; those keep their one-read framing.
+    switch (HttpRequest::frame(request_.AsStringView())) {
+    case HttpRequest::Framing::Partial:
+        if (!legacyLineInHand()) {
+            return; // the rest of the headers comes with a later read
+        }
+        break;
+    case HttpRequest::Framing::Complete:
+        serveHttp();
+        return;
+    case HttpRequest::Framing::TooLong:
+        refuseLength();
+        return;
+    case HttpRequest::Framing::NotHttp:
+        break;
+    }
     if (request_.Length() > MAXREQUESTSIZE) {
-        LogBadCommand(KyScalar<unsigned>(request_.Length()), KyUniString(request_.AsStringView()));
-        SendReply(BAD_REQUEST_MESSAGE, true);
+        refuseLength();
         return;
     }
     KyByteBuffer request;
@@ -54,19 +76,63 @@ void RequestCircuit::ReadAvail(KyByteBuffer& incoming) {
     }
 }
 
+// A GET line of the balancers' own protocol that has not ended is answered from the read
+// in hand, as it always was: such a client may never send the line's end.
+bool RequestCircuit::legacyLineInHand() const {
+    const std::string_view text = request_.AsStringView();
+    return text.find('\n') == std::string_view::npos &&
+           text.find(PROTOCOL_MARK) != std::string_view::npos &&
+           request_.Length() >= MINREQUESTSIZE;
+}
+
+void RequestCircuit::refuseLength() {
+    ++myCounters.badRequests;
+    LogBadCommand(KyScalar<unsigned>(request_.Length()), KyUniString(request_.AsStringView()));
+    SendReply(BAD_REQUEST_MESSAGE, true);
+}
+
+void RequestCircuit::serveHttp() {
+    const std::string_view text = request_.AsStringView();
+    const HttpRequest http(text);
+    // The status query old balancers send keeps its raw reply; only a browser, which lists
+    // text/html among what it accepts, gets a status line and headers before the same XML.
+    if (text.find(PROTOCOL_MARK) != std::string_view::npos) {
+        KyByteBuffer request = request_;
+        DispatchRequest(request, http.acceptsHtml() ? HttpRequest::xmlHead() : std::string());
+        return;
+    }
+    std::string response;
+    if (http.path() == "/metrics") {
+        ++myCounters.metricsPages;
+        response = HttpRequest::response("200 OK", MetricsPage::CONTENT_TYPE,
+                                         MetricsPage::render(myCounters.startedAt));
+    } else if (http.path() == "/" || http.path() == "/status") {
+        ++myCounters.statusPages;
+        response =
+            HttpRequest::response("200 OK", "text/html; charset=utf-8",
+                                  StatusPage::render(myCounters.startedAt, std::time(nullptr)));
+    } else {
+        ++myCounters.notFound;
+        response = HttpRequest::response("404 Not Found", "text/html; charset=utf-8",
+                                         StatusPage::notFound());
+    }
+    QueueReply(KyByteBuffer(static_cast<std::uint32_t>(response.size()), response.data()), true);
+}
+
 bool RequestCircuit::isComplete(KyByteBuffer& request) {
     if (request_.Length() >= MINREQUESTSIZE) {
         request = request_;
         return true;
     }
     // The log shows the still empty output buffer rather than the short request.
+    ++myCounters.badRequests;
     LogBadCommand(KyScalar<unsigned>(request_.Length()), KyUniString(request.AsStringView()));
     request_.Truncate(0);
     SendReply(BAD_REQUEST_MESSAGE, true);
     return false;
 }
 
-void RequestCircuit::DispatchRequest(KyByteBuffer& request) {
+void RequestCircuit::DispatchRequest(KyByteBuffer& request, std::string_view head) {
     KyUniString text;
     text.CreateFrom(request, KyEncodingUtf8);
     const KyUniString reply = parser_.doCommand(text).Str();
@@ -74,6 +140,9 @@ void RequestCircuit::DispatchRequest(KyByteBuffer& request) {
     // bytes again only to log them doubled the cost of answering.
     LogResponseText(reply);
     reply_ = reply.AsEncoding(KyEncodingUtf8);
+    if (!head.empty()) {
+        QueueReply(KyByteBuffer(static_cast<std::uint32_t>(head.size()), head.data()), false);
+    }
     QueueReply(reply_, true);
 }
 

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "lib/bytebuf.h"
 #include "lib/bytecircuit.h"
@@ -19,6 +20,9 @@ public:
     static constexpr std::uint32_t MINREQUESTSIZE = 11;
     static constexpr const char* BAD_REQUEST_MESSAGE =
         "Message is either too short or too long to be valid";
+    // Every request of the balancers' own protocol names it ("<cvnlbreq", "?get&cvnlbinfo"):
+    // such an HTTP request goes to the parser, not to the browser views.
+    static constexpr std::string_view PROTOCOL_MARK = "cvnlb";
 
     // Takes over the connected descriptor fd and starts reading from it. `prepared` says fd
     // is already non-blocking and close-on-exec (accepted so), which saves four system calls.
@@ -34,7 +38,13 @@ public:
 
     // True when `request` now holds a whole request; a too short one is refused here.
     bool isComplete(KyByteBuffer& request);
-    void DispatchRequest(KyByteBuffer& request);
+    // `head` goes out before the reply: the HTTP status line and headers a browser needs.
+    void DispatchRequest(KyByteBuffer& request, std::string_view head = {});
+    // An HTTP GET whose headers are all in: a view by path, or the status query.
+    void serveHttp();
+    bool legacyLineInHand() const;
+    // Refuses a request whose length is out of bounds, as too short or too long.
+    void refuseLength();
     void SendReply(const KyByteBuffer& reply, bool close);
     void SendReply(const char* text, bool close);
     void QueueReply(const KyByteBuffer& reply, bool close);

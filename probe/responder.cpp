@@ -8,6 +8,7 @@
 #include "probe/bogomips.h"
 #include "probe/bootstrap.h"
 #include "probe/cache.h"
+#include "probe/counters.h"
 #include "probe/host.h"
 #include "probe/messages.h"
 #include "probe/parsecommand.h"
@@ -83,9 +84,11 @@ KyStatus Responder::sendPacket(KyOSStream& text, const KyInetAddr& address, cons
     const KyIOResult result =
         socket_.WriteMessage(bytes.data(), static_cast<long>(bytes.size()), written, address);
     if (result == ioComplete) {
+        ++myCounters.datagramsSent;
         LogLoadPacketSent(packetText, addressText);
         return Success;
     }
+    ++myCounters.datagramsFailed;
     LogLoadPacketFail(packetText, addressText, KyUniString(reasonWord(result)),
                       socket_.ErrorErrno());
     return Failure;

@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(g++ cmake ninja-build libgtest-dev libgmock-dev libbenchmark-dev clang
-          libclang-rt-dev procps netcat-openbsd curl haproxy
+          libclang-rt-dev procps netcat-openbsd curl haproxy prometheus chromium
           dpkg-dev file lintian mandoc logrotate systemd adduser)
 missing=()
 for p in "${packages[@]}"; do

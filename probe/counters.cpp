@@ -1,0 +1,4 @@
+// The process-wide counters, zero-initialised before main runs.
+#include "probe/counters.h"
+
+Counters myCounters;

@@ -1,0 +1,182 @@
+// End-to-end: the control port's HTTP views as a browser, Prometheus and a person see them:
+// /metrics checked by the real promtool, the status page's readings, chart and table, the
+// XML report for a browser's long request, requests split across reads, and what is refused.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdio>
+
+#include "tests/e2e/daemon_fixture.h"
+
+namespace {
+
+using namespace e2e;
+
+// A browser's request: about 650 bytes of headers, text/html first in Accept.
+std::string browserGet(const std::string& target) {
+    return "GET " + target +
+           " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: keep-alive\r\n"
+           "sec-ch-ua: \"Chromium\";v=\"156\", \"Not)A;Brand\";v=\"24\"\r\n"
+           "sec-ch-ua-mobile: ?0\r\nsec-ch-ua-platform: \"Linux\"\r\n"
+           "Upgrade-Insecure-Requests: 1\r\nUser-Agent: Mozilla/5.0 (X11; Linux x86_64) "
+           "AppleWebKit/537.36 (KHTML, like Gecko) Chrome/156.0.0.0 Safari/537.36\r\n"
+           "Accept: text/html,application/xhtml+xml,application/xml;q=0.9,image/avif,"
+           "image/webp,image/apng,*/*;q=0.8,application/signed-exchange;v=b3;q=0.7\r\n"
+           "Sec-Fetch-Site: none\r\nSec-Fetch-Mode: navigate\r\nSec-Fetch-User: ?1\r\n"
+           "Sec-Fetch-Dest: document\r\nAccept-Encoding: gzip, deflate, br, zstd\r\n"
+           "Accept-Language: en-US,en;q=0.9\r\n\r\n";
+}
+
+std::string get(unsigned short port, const std::string& path) {
+    return request(port, "GET " + path + " HTTP/1.0\r\nUser-Agent: test\r\n\r\n");
+}
+
+std::string body(const std::string& response) {
+    const auto end = response.find("\r\n\r\n");
+    return end == std::string::npos ? std::string() : response.substr(end + 4);
+}
+
+// The value of one metric line ("name{labels} value"), or -1.
+double metric(const std::string& text, const std::string& series) {
+    for (const auto& line : lines(text)) {
+        if (line.rfind(series + " ", 0) == 0) {
+            return std::stod(line.substr(series.size() + 1));
+        }
+    }
+    return -1;
+}
+
+// promtool's verdict on the text: its exit status and what it printed.
+std::pair<int, std::string> promtool(const std::string& text, const fs::path& dir) {
+    writeFile(dir / "metrics.txt", text);
+    FILE* pipe = ::popen(
+        ("promtool check metrics < " + (dir / "metrics.txt").string() + " 2>&1").c_str(), "r");
+    std::string said;
+    char buffer[1024];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
+        said.append(buffer, n);
+    }
+    const int status = ::pclose(pipe);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, said};
+}
+
+class Views : public ::testing::Test {
+protected:
+    void SetUp() override {
+        daemon_.toolPrints(toolRun(40));
+        ASSERT_TRUE(daemon_.startServing());
+        ASSERT_TRUE(waitFor([&] {
+            return metric(body(get(daemon_.port(), "/metrics")), "hostgauge_cpu_idle_ratio") == 0.4;
+        })) << "no sample reached the metrics";
+    }
+    void subscribe(unsigned id) {
+        ASSERT_NE(request(daemon_.port(),
+                          createRequest(id, subscriber_.port(), 10000, 10, "<stat>cpu</stat>"))
+                      .find("type=\"create\""),
+                  std::string::npos);
+    }
+
+    Daemon daemon_;
+    Subscriber subscriber_;
+};
+
+TEST_F(Views, MetricsPassPromtoolAndCountWhatHappenedAcrossAReopen) {
+    subscribe(7);
+    subscribe(3);
+    request(daemon_.port(), "<cvnlbreq command=KILL><version>1.0</version><id>3</id></cvnlbreq>");
+    request(daemon_.port(), "<cvnlbreq command=KILL><id>3</id></cvnlbreq>"); // no version
+    request(daemon_.port(), "short");
+    ASSERT_TRUE(subscriber_.receive(15s).has_value());
+
+    const std::string response = get(daemon_.port(), "/metrics");
+    EXPECT_EQ(response.rfind("HTTP/1.0 200 OK\r\n", 0), 0u) << response;
+    EXPECT_NE(response.find("\r\nContent-Type: text/plain; version=0.0.4"), std::string::npos);
+    const std::string text = body(response);
+    const auto [status, said] = promtool(text, daemon_.dir());
+    EXPECT_EQ(status, 0) << said << text;
+    EXPECT_EQ(said, "") << "promtool found something to say";
+
+    EXPECT_EQ(metric(text, "hostgauge_memory_physical_free_bytes"), 2048 * 1024.0);
+    EXPECT_EQ(metric(text, "hostgauge_swap_pages{direction=\"out\"}"), 4);
+    EXPECT_EQ(metric(text, "hostgauge_subscriptions"), 1);
+    EXPECT_EQ(metric(text, "hostgauge_requests_total{command=\"create\"}"), 2);
+    EXPECT_EQ(metric(text, "hostgauge_requests_total{command=\"kill\"}"), 1);
+    EXPECT_EQ(metric(text, "hostgauge_request_errors_total{reason=\"error_reply\"}"), 1);
+    EXPECT_EQ(metric(text, "hostgauge_request_errors_total{reason=\"bad_length\"}"), 1);
+    EXPECT_GE(metric(text, "hostgauge_datagrams_sent_total"), 1);
+    EXPECT_GE(metric(text, "hostgauge_tool_runs_total"), 1);
+    EXPECT_GT(metric(text, "hostgauge_cpu_rating"), 0);
+    EXPECT_EQ(metric(text, "hostgauge_admin_state{state=\"ready\"}"), 1);
+
+    // A SIGHUP reopens the logs and leaves every count where it was.
+    const fs::path log =
+        daemon_.dir() / ("hostgauge" + std::to_string(daemon_.pid()) + "_error.log");
+    fs::rename(log, daemon_.dir() / "rotated.log");
+    ::kill(daemon_.pid(), SIGHUP);
+    ASSERT_TRUE(waitFor([&] { return fs::exists(log); })) << "the log was not reopened";
+    const std::string after = body(get(daemon_.port(), "/metrics"));
+    EXPECT_EQ(metric(after, "hostgauge_requests_total{command=\"create\"}"), 2);
+    EXPECT_EQ(metric(after, "hostgauge_http_requests_total{view=\"metrics\"}"),
+              metric(text, "hostgauge_http_requests_total{view=\"metrics\"}") + 1);
+}
+
+TEST_F(Views, StatusPageShowsReadingsChartAndSubscriptionsByIdUpToTheRowLimit) {
+    for (const unsigned id : {1005u, 2u, 1u}) {
+        subscribe(id);
+    }
+    const std::string response = get(daemon_.port(), "/");
+    EXPECT_EQ(response.rfind("HTTP/1.0 200 OK\r\n", 0), 0u);
+    EXPECT_NE(response.find("\r\nContent-Type: text/html; charset=utf-8\r\n"), std::string::npos);
+    const std::string page = body(response);
+    EXPECT_EQ(page.rfind("<!DOCTYPE html>", 0), 0u);
+    EXPECT_NE(page.find("name=\"viewport\""), std::string::npos);
+    EXPECT_NE(page.find("<b>40 %</b>"), std::string::npos) << "the newest idle";
+    EXPECT_NE(page.find("<polyline"), std::string::npos) << "no line in the chart";
+    const auto row = [&](unsigned id) {
+        return page.find("<tr><td>" + std::to_string(id) + "</td><td class=\"l\">127.0.0.1:");
+    };
+    ASSERT_NE(row(1), std::string::npos);
+    EXPECT_LT(row(1), row(2));
+    EXPECT_LT(row(2), row(1005));
+    EXPECT_EQ(page.find("more subscriptions not shown"), std::string::npos);
+    EXPECT_EQ(page.find("<script"), std::string::npos);
+
+    // Past 1,000 rows the lowest ids are listed and the rest counted.
+    for (unsigned id = 3; id <= 1001; ++id) {
+        subscribe(id);
+    }
+    const std::string full = body(get(daemon_.port(), "/status"));
+    EXPECT_NE(full.find("<tr><td>1000</td>"), std::string::npos);
+    EXPECT_EQ(full.find("<tr><td>1001</td>"), std::string::npos);
+    EXPECT_NE(full.find("<p class=\"more\">2 more subscriptions not shown"), std::string::npos);
+}
+
+TEST_F(Views, BrowsersGetTheXmlReportWithHeadersAndBalancersGetItRaw) {
+    const std::string raw = request(daemon_.port(), kStatusRequest);
+    ASSERT_EQ(raw.rfind("<?xml version=\"1.0\"?><cvnlbreply type=\"get\">", 0), 0u) << raw;
+
+    const std::string asked = browserGet("/?get&cvnlbinfo");
+    ASSERT_GT(asked.size(), 512u) << "longer than any other request may be";
+    const std::string shown = request(daemon_.port(), asked);
+    EXPECT_EQ(shown.rfind("HTTP/1.0 200 OK\r\nContent-Type: text/xml; charset=utf-8\r\n\r\n"
+                          "<?xml version=\"1.0\"?><cvnlbreply type=\"get\">",
+                          0),
+              0u)
+        << shown;
+
+    // Headers in pieces are gathered up to the empty line; past 8 KiB they are refused.
+    const std::string pieces =
+        request(daemon_.port(), {"GET /metr", "ics HTTP/1.1\r\nHost: x\r\n", "\r\n"});
+    EXPECT_EQ(pieces.rfind("HTTP/1.0 200 OK\r\n", 0), 0u) << pieces;
+    const std::string huge = "GET / HTTP/1.1\r\nX-Filler: " + std::string(9000, 'x') + "\r\n\r\n";
+    EXPECT_EQ(request(daemon_.port(), huge), "Message is either too short or too long to be valid");
+    EXPECT_EQ(request(daemon_.port(), std::string(600, 'x')),
+              "Message is either too short or too long to be valid");
+
+    const std::string missing = get(daemon_.port(), "/favicon.ico");
+    EXPECT_EQ(missing.rfind("HTTP/1.0 404 Not Found\r\n", 0), 0u);
+    const std::string line = body(missing);
+    EXPECT_EQ(line.find('\n'), line.size() - 1) << "one line of body: " << line;
+}
+
+} // namespace
