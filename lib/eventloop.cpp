@@ -129,9 +129,21 @@ int KyEventLoop::EnterEventLoop() {
     }
 }
 
+void KyEventLoop::AddBeforeWait(BeforeWait hook) {
+    if (std::find(beforeWait_.begin(), beforeWait_.end(), hook) == beforeWait_.end())
+        beforeWait_.push_back(hook);
+}
+
+void KyEventLoop::RemoveBeforeWait(BeforeWait hook) {
+    std::erase(beforeWait_, hook);
+}
+
 void KyEventLoop::RunOnce() {
     if (process_ != nullptr && process_->ProcessSignals() == True)
         return;
+    // Before the wait is computed, so the time the hooks take shortens it.
+    for (BeforeWait hook : beforeWait_)
+        hook();
     int wait = WaitMilliseconds();
     int ready;
     // A signal that lands after the pending check but before the wait would otherwise sit

@@ -58,6 +58,13 @@ public:
     KyStatus OpenDevPoll();
     void CloseDevPoll();
 
+    // Work that must be done before the loop blocks (writing out buffered output, say):
+    // each hook runs once per pass, in the order added, right before the wait. Adding a
+    // hook twice keeps one. A hook must not add or remove hooks.
+    using BeforeWait = void (*)();
+    void AddBeforeWait(BeforeWait hook);
+    void RemoveBeforeWait(BeforeWait hook);
+
     std::size_t TimeoutCount() const { return timeouts_.size(); }
     std::size_t PollCount() const { return pollSet_.Count(); }
 
@@ -122,6 +129,7 @@ private:
     std::uint64_t fence_ = 0;
     ClockReader wallClock_;
     ClockReader monotonicClock_;
+    std::vector<BeforeWait> beforeWait_;
     FileTable readTable_;
     FileTable writeTable_;
     PollSet pollSet_;
