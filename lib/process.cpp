@@ -387,6 +387,7 @@ void KyUnixProcess::Abort(bool children, bool parent) {
     pid_t parentPid = getppid();
     if (parent && parentPid >= 2)
         kill(parentPid, SIGTERM);
+    KyLog::Flush(); // abort runs no exit handlers
     std::abort();
 }
 
