@@ -104,7 +104,9 @@ private:
 
     void RunOnce();
     int WaitMilliseconds() const;
-    int WaitForEvents(int wait, const sigset_t& unblocked);
+    int WaitForEvents(int wait);
+    // Empties the process's wake-up pipe; the signals themselves are dispatched apart.
+    void Woken(KyCallback<cbdispatch>* callback, cbdispatch reason);
     void FireDueTimeouts(std::uint64_t now);
     // Takes the timeout out of both maps; the caller dispatches the returned event.
     Timeouts::node_type Take(Timeouts::iterator entry);
@@ -130,6 +132,7 @@ private:
     ClockReader wallClock_;
     ClockReader monotonicClock_;
     std::vector<BeforeWait> beforeWait_;
+    KySimpleCallback<cbdispatch, KyEventLoop> wakeCallback_{this, &KyEventLoop::Woken};
     FileTable readTable_;
     FileTable writeTable_;
     PollSet pollSet_;
