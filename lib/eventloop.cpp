@@ -104,6 +104,10 @@ KyEventLoop::KyEventLoop(KyUnixProcess* process)
     : process_(process), wallClock_(WallClock), monotonicClock_(MonotonicClock) {
     readTable_.reserve(10);
     writeTable_.reserve(10);
+    // Made now, not when the loop starts: a descriptor opened later could take the number of
+    // one that a caller closed while still registered.
+    if (process_ != nullptr)
+        process_->WakeDescriptor();
 }
 
 void KyEventLoop::SetClocks(ClockReader wall, ClockReader monotonic) {
