@@ -386,10 +386,17 @@ void KyLog::JsLogFile::Append(std::string_view record) {
         std::fflush(stream_);
         return;
     }
-    pending_.append(record);
-    if (pending_.size() >= FlushBound) {
+    // Written before the buffer would pass the bound, so it never grows past it: a record
+    // as large as the bound (a status report of thousands of hosts) goes out on its own
+    // rather than into a buffer that would keep its size for the rest of the process.
+    if (pending_.size() + record.size() > FlushBound) {
         Flush();
+        if (record.size() > FlushBound) {
+            WriteOut(record);
+            return;
+        }
     }
+    pending_.append(record);
 }
 
 void KyLog::JsLogFile::Flush() {

@@ -83,8 +83,8 @@ public:
     std::FILE* Writable();
     KyUnixError const& LastError() const { return lastError_; }
 
-    // A buffer past this size is written at once, so a burst between two waits holds at
-    // most this much (plus one record) in memory.
+    // A buffer is written before it would grow past this size, so a burst between two
+    // waits holds at most this much in memory.
     static constexpr std::size_t FlushBound = 64 * 1024;
 
     // Queues a record for the destination; standard error is written at once.
