@@ -350,6 +350,9 @@ std::FILE* KyLog::JsLogFile::Writable() {
         return nullptr;
     }
     FixFileState();
+    // Taken once, early: a buffer that grew in steps during a burst would leave its old
+    // blocks between later allocations, and the heap could no longer shrink.
+    pending_.reserve(FlushBound);
     return stream_;
 }
 
