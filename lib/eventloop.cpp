@@ -104,6 +104,10 @@ KyEventLoop::KyEventLoop(KyUnixProcess* process)
     : process_(process), wallClock_(WallClock), monotonicClock_(MonotonicClock) {
     readTable_.reserve(10);
     writeTable_.reserve(10);
+    // Made now, not when the loop starts: a descriptor opened later could take the number of
+    // one that a caller closed while still registered.
+    if (process_ != nullptr)
+        process_->WakeDescriptor();
 }
 
 void KyEventLoop::SetClocks(ClockReader wall, ClockReader monotonic) {
@@ -117,39 +121,57 @@ KyEventLoop::~KyEventLoop() {
 
 int KyEventLoop::EnterEventLoop() {
     running_ = True;
+    // A signal that lands after the pending check but before the wait would otherwise sit
+    // unseen until some descriptor or timeout wakes the loop (up to an hour for a daemon
+    // with no subscriptions): the handler also writes to a pipe that the wait watches.
+    // Blocking signals around the check and the wait did the same at two system calls a
+    // pass; without the pipe (no descriptors left) the loop runs as before it existed.
+    const int wake = process_ != nullptr ? process_->WakeDescriptor() : -1;
+    if (wake >= 0)
+        AddFileEvent(static_cast<unsigned>(wake), true, false, &wakeCallback_);
     if (process_ != nullptr)
         process_->StartSignals();
     while (true) {
         if (ShouldContinue() != True) {
             if (process_ != nullptr)
                 process_->StopSignals();
+            if (wake >= 0)
+                RemoveFileEvent(static_cast<unsigned>(wake), true, false, &wakeCallback_);
             return exitCode_;
         }
         RunOnce();
     }
 }
 
+void KyEventLoop::Woken(KyCallback<cbdispatch>*, cbdispatch) {
+    if (process_ != nullptr)
+        process_->DrainWakeups();
+}
+
+void KyEventLoop::AddBeforeWait(BeforeWait hook) {
+    if (std::find(beforeWait_.begin(), beforeWait_.end(), hook) == beforeWait_.end())
+        beforeWait_.push_back(hook);
+}
+
+void KyEventLoop::RemoveBeforeWait(BeforeWait hook) {
+    std::erase(beforeWait_, hook);
+}
+
 void KyEventLoop::RunOnce() {
     if (process_ != nullptr && process_->ProcessSignals() == True)
         return;
+    // Before the wait is computed, so the time the hooks take shortens it.
+    for (BeforeWait hook : beforeWait_)
+        hook();
     int wait = WaitMilliseconds();
     int ready;
-    // A signal that lands after the pending check but before the wait would otherwise sit
-    // unseen until some descriptor or timeout wakes the loop (up to an hour for a daemon
-    // with no subscriptions): signals stay blocked from the check until the wait starts.
-    sigset_t all, previous;
-    sigfillset(&all);
-    sigprocmask(SIG_BLOCK, &all, &previous);
-    if (process_ != nullptr && process_->HasPendingSignals()) {
-        sigprocmask(SIG_SETMASK, &previous, nullptr);
+    if (process_ != nullptr && process_->HasPendingSignals())
         return;
-    }
 #ifdef KY_HAVE_DEVPOLL
     if (devPollMode_) {
         pollfd results[1024];
         dvpoll request{results, 1024, wait};
         ready = ioctl(devPollFd_, DP_POLL, &request);
-        sigprocmask(SIG_SETMASK, &previous, nullptr);
         if (ready > 0) {
             const std::uint64_t now = monotonicClock_();
             fence_ = std::max(fence_, now);
@@ -158,9 +180,8 @@ void KyEventLoop::RunOnce() {
         }
     } else
 #endif
-        ready = WaitForEvents(wait, previous);
+        ready = WaitForEvents(wait);
     const int waitErrno = errno;
-    sigprocmask(SIG_SETMASK, &previous, nullptr);
     if (ready < 0 && waitErrno != EINTR && waitErrno != EAGAIN)
         return PollFailed(waitErrno, wait);
     // Due timeouts fire in every pass, however busy the descriptors are: a control port
@@ -168,15 +189,18 @@ void KyEventLoop::RunOnce() {
     // the descriptors run, so whatever they add waits for the next pass.
     const std::uint64_t now = monotonicClock_();
     fence_ = std::max(fence_, now);
+    // A signal that arrived during the wait goes before the descriptors ready with it.
+    if (ready > 0 && process_ != nullptr && process_->HasPendingSignals() &&
+        process_->ProcessSignals() == True && ShouldContinue() != True)
+        return;
     if (ready > 0)
         DispatchReady();
     FireDueTimeouts(now);
 }
 
-// poll, with the signal mask of the caller restored only for the wait itself.
-int KyEventLoop::WaitForEvents(int wait, const sigset_t& unblocked) {
+int KyEventLoop::WaitForEvents(int wait) {
     timespec limit{wait / 1000, (wait % 1000) * 1000000L};
-    return ppoll(pollSet_.Data(), pollSet_.Count(), wait < 0 ? nullptr : &limit, &unblocked);
+    return ppoll(pollSet_.Data(), pollSet_.Count(), wait < 0 ? nullptr : &limit, nullptr);
 }
 
 int KyEventLoop::WaitMilliseconds() const {

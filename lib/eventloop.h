@@ -58,6 +58,13 @@ public:
     KyStatus OpenDevPoll();
     void CloseDevPoll();
 
+    // Work that must be done before the loop blocks (writing out buffered output, say):
+    // each hook runs once per pass, in the order added, right before the wait. Adding a
+    // hook twice keeps one. A hook must not add or remove hooks.
+    using BeforeWait = void (*)();
+    void AddBeforeWait(BeforeWait hook);
+    void RemoveBeforeWait(BeforeWait hook);
+
     std::size_t TimeoutCount() const { return timeouts_.size(); }
     std::size_t PollCount() const { return pollSet_.Count(); }
 
@@ -97,7 +104,9 @@ private:
 
     void RunOnce();
     int WaitMilliseconds() const;
-    int WaitForEvents(int wait, const sigset_t& unblocked);
+    int WaitForEvents(int wait);
+    // Empties the process's wake-up pipe; the signals themselves are dispatched apart.
+    void Woken(KyCallback<cbdispatch>* callback, cbdispatch reason);
     void FireDueTimeouts(std::uint64_t now);
     // Takes the timeout out of both maps; the caller dispatches the returned event.
     Timeouts::node_type Take(Timeouts::iterator entry);
@@ -122,6 +131,8 @@ private:
     std::uint64_t fence_ = 0;
     ClockReader wallClock_;
     ClockReader monotonicClock_;
+    std::vector<BeforeWait> beforeWait_;
+    KySimpleCallback<cbdispatch, KyEventLoop> wakeCallback_{this, &KyEventLoop::Woken};
     FileTable readTable_;
     FileTable writeTable_;
     PollSet pollSet_;

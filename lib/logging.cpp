@@ -1,9 +1,12 @@
 // The log framework's process-wide state and its destination-per-message path: filter
 // terms become destinations, categories are matched against them once into a lookup
-// table, and each record is formatted at most once per kind and written with one write.
+// table, and each record is formatted at most once per kind and queued in its destination's
+// buffer, which the owner of the process flushes before the process waits.
 #include "lib/logging.h"
 
+#include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,6 +27,7 @@ struct LogState {
     std::vector<KyLog::JsLogAction> lookup;
     std::uint32_t calls = 0;
     KyTimeFormat timeFormat;
+    bool flushAtExit = false;
 };
 
 // Built on first use and never destroyed: loggers and their owners are torn down during
@@ -115,11 +119,6 @@ std::string StructuredRecord(std::string_view time, KyTimeVal const& now, std::s
     return record;
 }
 
-void WriteRecord(std::FILE* stream, std::string const& record) {
-    std::fwrite(record.data(), 1, record.size(), stream);
-    std::fflush(stream);
-}
-
 std::unique_ptr<KyLog::JsLogFile> MakeDestination(std::u16string_view term) {
     const auto halves = SplitView(term, u':');
     if (halves.size() != 2) {
@@ -177,6 +176,11 @@ void KyLog::InitLogs(KyLog* logger, KyUniString const& directory) {
     state.directory = directory.Length() == 0 ? std::string(".") : directory.AsUtf8();
     if (state.directory.back() != '/') {
         state.directory.push_back('/');
+    }
+    // Every exit() and the return from main write what is still buffered; the state is
+    // never destroyed, so the handler may run at any point of static destruction.
+    if (!state.flushAtExit) {
+        state.flushAtExit = std::atexit(&KyLog::Flush) == 0;
     }
 }
 
@@ -250,15 +254,13 @@ void KyLog::JserverLogUtf8(unsigned messageNumber, std::string_view utf8) {
             record = file->IsStructured() ? StructuredRecord(time, now, action.Category(), utf8)
                                           : PlainRecord(time, action.Category(), utf8);
         }
-        WriteRecord(stream, record);
+        file->Append(record);
     }
 }
 
 void KyLog::Flush() {
     for (auto const& file : State().files) {
-        if (file->Stream() != nullptr) {
-            std::fflush(file->Stream());
-        }
+        file->Flush();
     }
 }
 
@@ -281,6 +283,7 @@ void KyLog::HaveForked() {
     }
     state.pid = pid;
     for (auto const& file : state.files) {
+        file->Discard();
         if (file->NamedByPid()) {
             file->Close();
             file->Open(pid);
@@ -347,6 +350,9 @@ std::FILE* KyLog::JsLogFile::Writable() {
         return nullptr;
     }
     FixFileState();
+    // Taken once, early: a buffer that grew in steps during a burst would leave its old
+    // blocks between later allocations, and the heap could no longer shrink.
+    pending_.reserve(FlushBound);
     return stream_;
 }
 
@@ -356,6 +362,7 @@ void KyLog::JsLogFile::ReOpen() {
     if (console_ || stream_ == nullptr) {
         return;
     }
+    Flush(); // the queued records belong to the file being moved away
     // A failed freopen has already closed the old stream.
     stream_ = std::freopen(path_.c_str(), "a", stream_);
     if (stream_ == nullptr) {
@@ -367,10 +374,64 @@ void KyLog::JsLogFile::ReOpen() {
 }
 
 void KyLog::JsLogFile::Close() {
+    Flush();
     if (!console_ && stream_ != nullptr) {
         std::fclose(stream_);
     }
     stream_ = nullptr;
+}
+
+// Standard error is shared with the event loop's own notices and carries only the rare
+// fatal records, which an operator should see at once: it is not buffered.
+void KyLog::JsLogFile::Append(std::string_view record) {
+    if (console_) {
+        std::fwrite(record.data(), 1, record.size(), stream_);
+        std::fflush(stream_);
+        return;
+    }
+    // Written before the buffer would pass the bound, so it never grows past it: a record
+    // as large as the bound (a status report of thousands of hosts) goes out on its own
+    // rather than into a buffer that would keep its size for the rest of the process.
+    if (pending_.size() + record.size() > FlushBound) {
+        Flush();
+        if (record.size() > FlushBound) {
+            WriteOut(record);
+            return;
+        }
+    }
+    pending_.append(record);
+}
+
+void KyLog::JsLogFile::Flush() {
+    if (pending_.empty()) {
+        return;
+    }
+    if (stream_ != nullptr) {
+        WriteOut(pending_);
+    }
+    pending_.clear();
+}
+
+// Straight to the descriptor: the stream's own buffer stays empty, so reopening or
+// closing it never writes anything twice. A failed write drops the rest, as a record
+// that could not be written always was.
+void KyLog::JsLogFile::WriteOut(std::string_view bytes) {
+    const int fd = fileno(stream_);
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
+        if (written <= 0) {
+            const int error = written < 0 ? errno : EIO;
+            lastError_.Set(
+                "write",
+                KyUniString(std::to_string(fd) + ",<buffer>," + std::to_string(bytes.size())),
+                error);
+            return;
+        }
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
 }
 
 // Log files must not leak into the load tool, and hold nothing for other users.

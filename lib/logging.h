@@ -1,7 +1,8 @@
 // KyLog: the process-wide log framework. The application supplies its table of message
 // categories; filter terms choose destinations (plain .log files, structured .jsl files,
 // standard error), and each message number is routed to its destinations through a table
-// built once at set-up, so writing a record needs no pattern matching.
+// built once at set-up, so writing a record needs no pattern matching. Records for files
+// collect in a buffer per destination and reach the file in one write when Flush() runs.
 #pragma once
 
 #include <array>
@@ -45,11 +46,16 @@ public:
     // The same for text already in UTF-8, so large texts are encoded only once.
     static void JserverLogUtf8(unsigned messageNumber, std::string_view utf8);
 
+    // Writes every destination's buffered records. The owner of the process calls it
+    // before the process waits or blocks, before a fork and at exit (an exit handler
+    // registered by InitLogs covers exit() and a return from main).
     static void Flush();
-    // Reopens every file destination at its path, so moved-away logs start afresh.
+    // Flushes, then reopens every file destination at its path, so moved-away logs start
+    // afresh.
     static KyStatus ReOpen();
     static void AboutToFork();
-    // In a child after fork: destinations named with the pid marker move to files
+    // In a child after fork: records buffered in the parent are dropped (they are the
+    // parent's to write), and destinations named with the pid marker move to files
     // carrying the child's own process id.
     static void HaveForked();
 };
@@ -77,6 +83,18 @@ public:
     std::FILE* Writable();
     KyUnixError const& LastError() const { return lastError_; }
 
+    // A buffer is written before it would grow past this size, so a burst between two
+    // waits holds at most this much in memory.
+    static constexpr std::size_t FlushBound = 64 * 1024;
+
+    // Queues a record for the destination; standard error is written at once.
+    void Append(std::string_view record);
+    // Writes the queued records in one write (more only when the file takes part of it).
+    void Flush();
+    std::size_t Pending() const { return pending_.size(); }
+    // Forgets the queued records without writing them.
+    void Discard() { pending_.clear(); }
+
     // Fixes the path for the process id; the file is created by Writable().
     void Open(int pid);
     void ReOpen();
@@ -84,6 +102,7 @@ public:
 
 private:
     void FixFileState();
+    void WriteOut(std::string_view bytes);
 
     bool structured_;
     bool console_;
@@ -94,6 +113,7 @@ private:
     std::string path_;
     std::FILE* stream_ = nullptr;
     bool openFailed_ = false;
+    std::string pending_;
     KyUnixError lastError_;
 };
 

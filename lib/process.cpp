@@ -20,6 +20,9 @@ KyUnixProcess* the_current_process = nullptr;
 namespace {
 
 volatile std::sig_atomic_t signalsEnabled = 0;
+// The pipe through which a recorded signal wakes the event loop's wait (one per process).
+int wakeReadFd = -1;
+volatile std::sig_atomic_t wakeWriteFd = -1;
 
 // A SIGCHLD registration: carries the child-exit callback instead of a loop callback.
 class KyEventChildExit final : public KyEventSignal {
@@ -59,8 +62,12 @@ int SetGroups(std::span<const gid_t> groups) {
 void had_a_signal(int signal) {
     int saved = errno;
     KyUnixProcess* process = the_current_process;
-    if (signalsEnabled && process != nullptr && signal > 0 && signal < KyUnixProcess::SignalCount)
+    if (signalsEnabled && process != nullptr && signal > 0 && signal < KyUnixProcess::SignalCount) {
         process->Record(signal);
+        // A failed write means a full pipe, which wakes the loop already.
+        if (wakeWriteFd >= 0 && write(wakeWriteFd, "", 1) < 0) {
+        }
+    }
     // SIGCHLD is re-armed only after reaping, so zombies still waiting do not re-raise it.
     if (signal != SIGCHLD)
         InstallHandler(signal);
@@ -94,6 +101,23 @@ void KyUnixProcess::Record(int signal) {
 
 unsigned KyUnixProcess::CatchCount(int signal) const {
     return signal > 0 && signal < SignalCount ? catchCounts_[signal] : 0;
+}
+
+int KyUnixProcess::WakeDescriptor() {
+    if (wakeReadFd < 0) {
+        int ends[2];
+        if (pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0)
+            return -1;
+        wakeReadFd = ends[0];
+        wakeWriteFd = ends[1];
+    }
+    return wakeReadFd;
+}
+
+void KyUnixProcess::DrainWakeups() {
+    char bytes[64];
+    while (wakeReadFd >= 0 && read(wakeReadFd, bytes, sizeof bytes) > 0) {
+    }
 }
 
 void KyUnixProcess::StartSignals() {
@@ -387,6 +411,7 @@ void KyUnixProcess::Abort(bool children, bool parent) {
     pid_t parentPid = getppid();
     if (parent && parentPid >= 2)
         kill(parentPid, SIGTERM);
+    KyLog::Flush(); // abort runs no exit handlers
     std::abort();
 }
 

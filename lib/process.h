@@ -105,6 +105,11 @@ public:
     KyStatus ProcessSignals();
     // True while a recorded signal waits for ProcessSignals.
     bool HasPendingSignals() const { return pendingCount_ != 0; }
+    // A descriptor that becomes readable whenever a signal is recorded, so a wait that
+    // started just after the last look at HasPendingSignals still ends at once; -1 when it
+    // cannot be made. DrainWakeups empties it.
+    int WakeDescriptor();
+    void DrainWakeups();
 
     const KyUnixError& LastError() const { return lastError_; }
     pid_t Pid() const { return pid_; }

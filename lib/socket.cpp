@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "lib/logging.h"
+
 namespace {
 
 // sockaddr_in's size; the interfaces pass it for every internet address.
@@ -92,6 +94,7 @@ KyStatus KySocket::TryBind(const KySocketAddress& address, unsigned retries, boo
                 std::fputc('.', stderr);
             std::fflush(stderr);
         }
+        KyLog::Flush(); // records logged so far reach the disk before the pause
         ::sleep(2);
         retried = true;
     }

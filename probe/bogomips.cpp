@@ -5,6 +5,8 @@
 
 #include <limits>
 
+#include "lib/logging.h"
+
 Bogomips* myBogomips = nullptr;
 
 namespace {
@@ -86,6 +88,8 @@ int Bogomips::rate(std::uint64_t loops, std::uint64_t ticks, int processors, uns
 }
 
 bool Bogomips::calculate() {
+    // The rating holds the loop for seconds: what was logged before it is written first.
+    KyLog::Flush();
     lastStart_ = now();
     // The count is 64-bit: a processor that runs a turn in under about 0.9 ns passes 2^31
     // turns before a try lasts one processor second, so a 32-bit count overflowed there and

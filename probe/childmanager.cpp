@@ -3,6 +3,7 @@
 #include "probe/childmanager.h"
 
 #include "lib/eventloop.h"
+#include "lib/logging.h"
 #include "probe/bogomips.h"
 #include "probe/bootstrap.h"
 #include "probe/cache.h"
@@ -202,6 +203,7 @@ int ChildManager::forkChild() {
             loop_.AddFileEvent(static_cast<unsigned int>(pipe_), true, false, &readPipeCallback_);
             return childPid_;
         }
+        KyLog::Flush(); // nothing logged waits out the pause in the buffer
         retrySleep_(FORK_RETRY_SECONDS);
     }
     LogForkFail(FORK_ATTEMPTS);

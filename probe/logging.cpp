@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "lib/dlist.h"
+#include "lib/eventloop.h"
 #include "lib/stringutil.h"
 #include "probe/messages.h"
 #include "probe/processexit.h"
@@ -79,9 +80,13 @@ const char* const* MyLogger::MessageStrings() const {
 Logging::Logging(KyUniString const& logDirectory, KyUniString const& logFilter)
     : logDirectory_(logDirectory), logFilter_(logFilter) {
     initLogging();
+    // Records are written once per loop pass, as the loop is about to sleep, instead of one
+    // write per record: a request or a datagram used to cost a write for each of its records.
+    eventloop.AddBeforeWait(&KyLog::Flush);
 }
 
 Logging::~Logging() {
+    eventloop.RemoveBeforeWait(&KyLog::Flush);
     closeLogs();
 }
 

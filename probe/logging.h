@@ -1,6 +1,7 @@
 // The probe's layer over the log framework: MyLogger supplies the categories of the 43
 // catalogue messages and the records after them, and Logging sets the framework up from the
-// configured log directory and filter string, and flushes, reopens or closes the logs on request.
+// configured log directory and filter string, and flushes, reopens or closes the logs on request;
+// while it lives, the event loop writes the buffered records before every wait.
 #pragma once
 
 #include <memory>

@@ -34,8 +34,8 @@ void processExit(int code) {
     release(myBogomips);
     release(myFilter);
     LogStopped(code);
-    // Every record is already flushed as written; this covers buffered output of the
-    // framework's other paths before exit runs the static destructors.
+    // The records of the last loop pass and of the shutdown are still buffered; they are
+    // written before exit runs the static destructors.
     KyLog::Flush();
     std::exit(code);
 }

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -285,6 +286,8 @@ public:
 
     void set(const std::string& key, const std::string& value) { properties_[key] = value; }
     void setEnv(const std::string& name, const std::string& value) { environment_[name] = value; }
+    // The most descriptors the daemon may hold open (0: no limit of the test's own).
+    void limitDescriptors(rlim_t count) { descriptorLimit_ = count; }
     const fs::path& dir() const { return dir_; }
     unsigned short port() const { return port_; }
     pid_t pid() const { return pid_; }
@@ -302,6 +305,10 @@ public:
         if (pid_ == 0) {
             for (const auto& [name, value] : environment_) {
                 ::setenv(name.c_str(), value.c_str(), 1);
+            }
+            const rlimit files{descriptorLimit_, descriptorLimit_};
+            if (descriptorLimit_ > 0 && ::setrlimit(RLIMIT_NOFILE, &files) != 0) {
+                std::_Exit(127);
             }
             if (::chdir(dir_.c_str()) == 0 && std::freopen("daemon.out", "w", stdout) &&
                 std::freopen("daemon.out", "a", stderr)) {
@@ -366,6 +373,7 @@ private:
     std::map<std::string, std::string> environment_;
     pid_t pid_ = -1;
     int status_ = -1;
+    rlim_t descriptorLimit_ = 0;
 };
 
 } // namespace e2e

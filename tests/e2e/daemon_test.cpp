@@ -24,6 +24,16 @@ bool processGone(pid_t pid) {
     return close != std::string::npos && stat.size() > close + 2 && stat[close + 2] == 'Z';
 }
 
+// Whether the process has a handler for SIGHUP (bit 0 of SigCgt in its status).
+bool catchesSighup(pid_t pid) {
+    for (const auto& line : lines(readFile("/proc/" + std::to_string(pid) + "/status"))) {
+        if (line.starts_with("SigCgt:")) {
+            return std::stoull(line.substr(7), nullptr, 16) & 1;
+        }
+    }
+    return false;
+}
+
 // Sends the signal and checks the exit status and the two closing log messages. A child's
 // exit noticed in the same signal pass may be logged between them, so the signal line is
 // looked for among the messages before the last one.
@@ -90,6 +100,46 @@ TEST(DaemonTest, UnknownFilterEndsStartUpWithCodeFour) {
     EXPECT_EQ(messages.back(), "Hostgauge stopped - exitcode 4.");
     EXPECT_TRUE(daemon.toolPids().empty()) << "no tool is started";
     EXPECT_FALSE(fs::exists(daemon.dir() / "hostgauge.pid"));
+}
+
+// Log records wait in a buffer for the end of the loop pass. Every stop path above checks
+// its closing records; these two cover the fork failures and a stop without any warning.
+TEST(DaemonTest, ForkFailuresEndWithCodeElevenAndTheirRecordsLogged) {
+    Daemon daemon;
+    // Standard descriptors and the two log files: no room for the tool's pipe.
+    daemon.limitDescriptors(5);
+    daemon.start();
+    // Each failed attempt sleeps 30 s; a signal cuts the sleep short once it is caught.
+    ASSERT_TRUE(waitFor([&] { return catchesSighup(daemon.pid()); }, kStartDeadline));
+    int status = -1;
+    for (int round = 0; round < 300 && status < 0; ++round) {
+        ::kill(daemon.pid(), SIGHUP);
+        status = daemon.waitExit(1s);
+    }
+    EXPECT_EQ(status, 11);
+    const auto messages = daemon.messages();
+    ASSERT_GE(messages.size(), 3u) << daemon.log();
+    EXPECT_NE(std::find(messages.begin(), messages.end(), "Hostgauge started."), messages.end());
+    EXPECT_TRUE(messages[messages.size() - 2].starts_with(
+        "Failed to fork a child process after 5 retries."));
+    EXPECT_EQ(messages.back(), "Hostgauge stopped - exitcode 11.");
+}
+
+TEST(DaemonTest, RecordsReachTheLogBeforeTheDaemonWaitsSoAKillLosesNone) {
+    Daemon daemon;
+    writeFile(daemon.dir() / "linger", "60");
+    ASSERT_TRUE(daemon.startServing());
+    const std::string reply =
+        request(daemon.port(), "<cvnlbreq command=KILL><version>1.0</version><id>4711</id>"
+                               "</cvnlbreq>");
+    ASSERT_FALSE(reply.empty());
+    // Nothing but the daemon's own wait writes the request's records out.
+    ASSERT_TRUE(daemon.waitForLog("4711")) << daemon.log();
+    const std::string before = daemon.log();
+    ::kill(daemon.pid(), SIGKILL);
+    EXPECT_EQ(daemon.waitExit(), 128 + SIGKILL);
+    EXPECT_EQ(daemon.log(), before);
+    EXPECT_TRUE(before.ends_with("\n")) << "only whole records";
 }
 
 TEST(DaemonTest, SurvivesAToolThatMisbehaves) {

@@ -76,6 +76,36 @@ TEST_F(EventLoopTest, DueTimeoutsFireInEveryPassWhileADescriptorStaysReady) {
     EXPECT_GT(fired[3].second, 2);
 }
 
+// The hooks run once in every pass, before the wait and so before that pass's dispatch.
+std::vector<std::string> passLog;
+void FirstHook() {
+    passLog.push_back("hook");
+}
+void SecondHook() {
+    passLog.push_back("second");
+}
+
+TEST_F(EventLoopTest, BeforeWaitHooksRunOncePerPassBeforeTheWait) {
+    passLog.clear();
+    loop.AddBeforeWait(&FirstHook);
+    loop.AddBeforeWait(&FirstHook);
+    loop.AddBeforeWait(&SecondHook);
+    Call<> end{[&](int) {
+        passLog.push_back("end");
+        loop.ExitEventLoop(0);
+    }};
+    Call<> a{[&](int) {
+        passLog.push_back("a");
+        loop.RemoveBeforeWait(&SecondHook);
+        loop.AddTimeoutEvent(In(20000), &end);
+    }};
+    loop.AddTimeoutEvent(KyTimeVal(), &a);
+    Guard();
+    EXPECT_EQ(loop.EnterEventLoop(), 0);
+    EXPECT_EQ(passLog, (std::vector<std::string>{"hook", "second", "a", "hook", "end"}));
+    loop.RemoveBeforeWait(&FirstHook);
+}
+
 // Fake clocks: the wall clock steps an hour forward and then two back while the monotonic
 // clock moves on by ten seconds; timeouts keep their distance from the time they were set.
 std::uint64_t fakeWall = 0, fakeMonotonic = 0;

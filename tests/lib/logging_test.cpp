@@ -3,6 +3,7 @@
 // on reopen and after a fork.
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <regex>
@@ -59,6 +60,7 @@ TEST(LogFilters, TermsChooseDestinationsAndMessagesFollowTheirCategories) {
     KyLog::JserverLog(2, "third");
     KyLog::JserverLog(3, "never routed");
     KyLog::JserverLog(4, "beyond the table");
+    KyLog::Flush();
     const std::string console = testing::internal::GetCapturedStderr();
 
     const std::string all = ReadWhole(dir / ("all" + pid + ".log"));
@@ -91,6 +93,7 @@ TEST(LogFilters, AMessageGoesToAtMostFourDestinationsAndTwiceToARepeatedFile) {
     UseFilters(dir.Path(),
                {"*/*/*:1.log", "*/*/*:1.log", "*/*/*:2.log", "*/*/*:3.log", "*/*/*:5.log"});
     KyLog::JserverLog(0, "hello");
+    KyLog::Flush();
     const std::string twice = ReadWhole(dir / "1.log");
     EXPECT_NE(twice.find("hello"), twice.rfind("hello"));
     EXPECT_NE(ReadWhole(dir / "3.log").find("hello"), std::string::npos);
@@ -105,6 +108,7 @@ TEST(LogRecords, PlainAndStructuredFormats) {
     KyLog::JserverLog(0, "a,b=c%\nnext");
     const std::uint32_t after = SysTimeNow();
     KyLog::JserverLog(0, "again");
+    KyLog::Flush();
 
     const std::string pid = std::to_string(getpid());
     const std::string plain = ReadWhole(dir / "p.log");
@@ -149,6 +153,7 @@ TEST(LogFiles, CreatedAtSetUpOwnerOnlyCloseOnExecAndRecreatedOnReOpen) {
     std::filesystem::rename(dir / "r.log", dir / "moved.log");
     EXPECT_EQ(KyLog::ReOpen(), Success);
     KyLog::JserverLog(0, "after move");
+    KyLog::Flush();
     EXPECT_NE(ReadWhole(dir / "r.log").find("after move"), std::string::npos);
     EXPECT_EQ(ReadWhole(dir / "moved.log").find("after move"), std::string::npos);
 }
@@ -166,6 +171,7 @@ TEST(LogFiles, ForkedChildWritesToFilesNamedWithItsOwnPidAndASilentOneLeavesNone
             if (logs) {
                 KyLog::JserverLog(0, "from the child");
             }
+            KyLog::Flush();
             _exit(0);
         }
         int status = 0;
@@ -178,11 +184,86 @@ TEST(LogFiles, ForkedChildWritesToFilesNamedWithItsOwnPidAndASilentOneLeavesNone
     EXPECT_FALSE(std::filesystem::exists(dir / ("f" + std::to_string(child) + ".jsl")));
     KyLog::HaveForked(); // unchanged pid: nothing moves
     KyLog::JserverLog(0, "from the parent");
+    KyLog::Flush();
     const std::string childFile = ReadWhole(dir / ("f" + std::to_string(child) + ".log"));
     EXPECT_NE(childFile.find("(pid " + std::to_string(child) + ")"), std::string::npos);
     const std::string parentFile = ReadWhole(dir / ("f" + std::to_string(getpid()) + ".log"));
     EXPECT_EQ(parentFile.find("from the child"), std::string::npos);
     EXPECT_NE(parentFile.find("from the parent"), std::string::npos);
+}
+
+// Records wait in their destination's buffer, in order, until a flush, a reopen or a full
+// buffer writes them; standard error does not wait.
+TEST(LogBuffers, RecordsWaitForAFlushPointAndAreWrittenWholeAndInOrder) {
+    LogTempDir dir;
+    UseFilters(dir.Path(),
+               {"*/*/*:b.log", "*/*/fatal*:.../_beans/com.kdm.cvn.server.log.ConsoleSink"});
+    testing::internal::CaptureStderr();
+    KyLog::JserverLog(0, "one");
+    KyLog::JserverLog(1, "two");
+    KyLog::JserverLog(2, "three");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("three"), std::string::npos);
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "b.log")) << "nothing written before a flush";
+    KyLog::Flush();
+    const auto records = ParseRecords(ReadWhole(dir / "b.log"));
+    ASSERT_EQ(records.size(), 3u);
+    EXPECT_EQ(records[0].text, "one");
+    EXPECT_EQ(records[2].text, "three");
+
+    // A burst larger than the bound reaches the file in whole records before any flush;
+    // what waits stays within the bound (records of about 1070 bytes: at most 62 of them).
+    const std::string big(1000, 'x');
+    for (int i = 0; i < 200; ++i) {
+        KyLog::JserverLog(0, KyUniString(big + std::to_string(i)));
+    }
+    const auto partial = ParseRecords(ReadWhole(dir / "b.log"));
+    EXPECT_GE(partial.size(), 203u - 62u);
+    EXPECT_LT(partial.size(), 203u);
+    EXPECT_EQ(partial.back().text, big + std::to_string(partial.size() - 4))
+        << "the last record on disk is whole";
+    KyLog::Flush();
+    const auto all = ParseRecords(ReadWhole(dir / "b.log"));
+    ASSERT_EQ(all.size(), 203u);
+    for (std::size_t i = 3; i < all.size(); ++i) {
+        ASSERT_EQ(all[i].text, big + std::to_string(i - 3));
+    }
+
+    // Reopening writes what is queued to the file being moved away.
+    KyLog::JserverLog(0, "queued before the move");
+    std::filesystem::rename(dir / "b.log", dir / "moved.log");
+    EXPECT_EQ(KyLog::ReOpen(), Success);
+    KyLog::Flush();
+    EXPECT_NE(ReadWhole(dir / "moved.log").find("queued before the move"), std::string::npos);
+    EXPECT_TRUE(std::filesystem::is_empty(dir / "b.log"));
+}
+
+// A child does not write what its parent had queued at the fork; what the child queues
+// itself is written by exit(), but not by a process that dies without exit handlers.
+TEST(LogBuffers, AChildWritesOnlyItsOwnRecordsAndExitWritesWhatIsQueued) {
+    LogTempDir dir;
+    UseFilters(dir.Path(), {"*/*/*:shared.log"});
+    auto runChild = [](char const* text, bool runExitHandlers) {
+        std::fflush(nullptr); // the test's own output is not the child's to repeat
+        const pid_t child = fork();
+        if (child == 0) {
+            KyLog::HaveForked();
+            KyLog::JserverLog(0, text);
+            if (runExitHandlers) {
+                std::exit(0);
+            }
+            _exit(0);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+    };
+    KyLog::JserverLog(0, "the parent's, queued at the fork");
+    runChild("the child's, written at exit", true);
+    runChild("the child's, lost with it", false);
+    KyLog::Flush();
+    const auto records = ParseRecords(ReadWhole(dir / "shared.log"));
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].text, "the child's, written at exit");
+    EXPECT_EQ(records[1].text, "the parent's, queued at the fork");
 }
 
 TEST(LogFiles, EmptyDirectoryMeansTheCurrentOne) {

@@ -13,6 +13,8 @@
 
 #include <stdlib.h>
 
+#include "lib/logging.h"
+
 class LogTempDir {
 public:
     LogTempDir() {
@@ -35,6 +37,12 @@ inline std::string ReadWhole(std::string const& path) {
     std::ostringstream text;
     text << in.rdbuf();
     return text.str();
+}
+
+// A log file as it stands once the records still buffered are written.
+inline std::string ReadLog(std::string const& path) {
+    KyLog::Flush();
+    return ReadWhole(path);
 }
 
 inline void WriteWhole(std::string const& path, std::string const& text) {

@@ -53,7 +53,7 @@ public:
                 {"allow", "10.0.0.0/8"},
                 {"maxhosts", "5"}};
     }
-    std::vector<LogRecord> Log() const { return ParseRecords(ReadWhole(dir_ / "boot.log")); }
+    std::vector<LogRecord> Log() const { return ParseRecords(ReadLog(dir_ / "boot.log")); }
     static std::string defaultLog(std::string const& extension) {
         return "/tmp/hostgauge" + std::to_string(getpid()) + "_error" + extension;
     }
@@ -75,7 +75,7 @@ TEST(Bootstrap, MissingFileGivesDefaultsAndOneMessageInTmp) {
     EXPECT_EQ(boot.getMaxVirtualMem(), 786432u);
     EXPECT_EQ(boot.getNumProcessors(), 4u);
     EXPECT_TRUE(boot.getPidDirectory() == "/tmp");
-    const auto log = ParseRecords(ReadWhole(ConfigDir::defaultLog(".log")));
+    const auto log = ParseRecords(ReadLog(ConfigDir::defaultLog(".log")));
     ASSERT_EQ(log.size(), 1u);
     EXPECT_EQ(log[0].category, "hostgauge/initialize/error");
     EXPECT_EQ(log[0].text,
@@ -89,7 +89,7 @@ TEST(Bootstrap, FileWithoutKeysReportsEveryKeyInOrder) {
     ConfigDir config;
     config.Write({{"unrelated", "x"}});
     Bootstrap boot(config.Path(), 1);
-    const auto log = ParseRecords(ReadWhole(ConfigDir::defaultLog(".log")));
+    const auto log = ParseRecords(ReadLog(ConfigDir::defaultLog(".log")));
     const std::vector<std::string> keys = {"logdirectory",
                                            "logfilter",
                                            "port",
@@ -194,7 +194,7 @@ TEST(Bootstrap, LogDirectoryThatIsAFileSendsLogsToTmpAndSaysSoFirst) {
     config.Write(entries);
     Bootstrap boot(config.Path(), 1);
     const std::string tmpLog = "/tmp/boot" + std::to_string(getpid()) + ".log";
-    const auto log = ParseRecords(ReadWhole(tmpLog));
+    const auto log = ParseRecords(ReadLog(tmpLog));
     std::filesystem::remove(tmpLog);
     ASSERT_EQ(log.size(), 1u);
     EXPECT_EQ(log[0].text.find("The path " + plain +

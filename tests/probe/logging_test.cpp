@@ -26,6 +26,7 @@ TEST(ProbeLogging, DefaultFilterRoutesByLevel) {
     LogNewConnection("10.0.0.1");
     LogPipeFail(512, 4);
     LogBindFailed(3579, "in use");
+    KyLog::Flush();
     const std::string console = testing::internal::GetCapturedStderr();
 
     const auto plain = ParseRecords(ReadWhole(Named(dir, ".log")));
@@ -59,6 +60,7 @@ TEST(ProbeLogging, FlushAndReopenStartFreshFilesWhereTheOldOnesWereMovedAway) {
     logging.reOpenLogs();
     EXPECT_TRUE(logging.isInitialised());
     LogExitSignal("SIGTERM");
+    KyLog::Flush();
     EXPECT_EQ(ParseRecords(ReadWhole(dir / "old.log")).size(), 1u);
     const auto second = ParseRecords(ReadWhole(dir / "older.log"));
     ASSERT_EQ(second.size(), 1u);

@@ -195,9 +195,9 @@ TEST(MessageCatalogue, EveryMessageWritesItsCategoryAndExactText) {
         MessageCase const& c = cases[i];
         SCOPED_TRACE("message " + std::to_string(c.number));
         EXPECT_EQ(c.number, i);
-        const std::size_t before = ReadWhole(file).size();
+        const std::size_t before = ReadLog(file).size();
         c.raise();
-        const std::string record = ReadWhole(file).substr(before);
+        const std::string record = ReadLog(file).substr(before);
         std::smatch found;
         ASSERT_TRUE(std::regex_search(record, found, header)) << record;
         EXPECT_EQ(found[1].str(), c.category);

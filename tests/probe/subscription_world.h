@@ -61,7 +61,7 @@ public:
     SubscriptionWorld& operator=(SubscriptionWorld const&) = delete;
 
     bool Logged(std::string const& piece) const {
-        return ReadWhole(dir_ / "probe.log").find(piece) != std::string::npos;
+        return ReadLog(dir_ / "probe.log").find(piece) != std::string::npos;
     }
 
 private:
