@@ -116,9 +116,11 @@ KyStatus KySocket::Listen(unsigned backlog) {
     return Success;
 }
 
-KyStatus KySocket::AcceptFrom(int listeningFd, int flags) {
+KyStatus KySocket::AcceptFrom(int listeningFd, int flags, KyInetAddr* peer) {
     Close();
-    const int fd = ::accept4(listeningFd, nullptr, nullptr, flags);
+    socklen_t length = kInetLength;
+    const int fd = peer != nullptr ? ::accept4(listeningFd, *peer, &length, flags)
+                                   : ::accept4(listeningFd, nullptr, nullptr, flags);
     if (fd < 0) {
         const int error = errno;
         std::string arguments = std::to_string(listeningFd) + ",0,0";

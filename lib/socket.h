@@ -33,7 +33,9 @@ public:
     KyStatus Listen(unsigned backlog);
     // Replaces this socket's descriptor with the next connection on listeningFd; flags are
     // accept4's (SOCK_NONBLOCK, SOCK_CLOEXEC), so a busy listener saves the fcntl calls.
-    KyStatus AcceptFrom(int listeningFd, int flags = 0);
+    // With `peer`, the connection's remote address comes with the accept, which saves the
+    // getpeername a caller would otherwise make for every connection.
+    KyStatus AcceptFrom(int listeningFd, int flags = 0, KyInetAddr* peer = nullptr);
     KyStatus RemoteAddress(KyInetAddr& address);
     KyStatus LocalAddress(KyInetAddr& address);
 

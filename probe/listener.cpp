@@ -142,7 +142,10 @@ bool Listener::acceptOne() {
         return false;
     }
     KySocket connection;
-    if (!connection.AcceptFrom(fd_, SOCK_NONBLOCK | SOCK_CLOEXEC)) {
+    // The peer's address comes with the accept rather than from a getpeername per
+    // connection, so the "cannot read the remote address" failure has no path left.
+    KyInetAddr peer;
+    if (!connection.AcceptFrom(fd_, SOCK_NONBLOCK | SOCK_CLOEXEC, &peer)) {
         const int error = connection.ErrorErrno();
         if (error == EMFILE || error == ENFILE) {
             // Nothing here tells when descriptors free up elsewhere: try again in a second.
@@ -155,11 +158,6 @@ bool Listener::acceptOne() {
             LogAcceptFail(connection.LastError().Reason());
         }
         return false;
-    }
-    KyInetAddr peer;
-    if (!connection.RemoteAddress(peer)) {
-        LogRemoteAddressFail();
-        return true; // the socket object closes the connection
     }
     if (!admits(peer)) {
         return true; // closed unread and unanswered by the socket object

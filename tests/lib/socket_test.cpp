@@ -117,6 +117,16 @@ TEST(KySocket, StreamConnectAcceptAndAddresses) {
     EXPECT_TRUE(clientSide == peerOfServer);
     EXPECT_TRUE(serverSide == Loopback(port));
 
+    // The address can come with the accept itself.
+    KySocket second;
+    ASSERT_TRUE(second.Connect(Loopback(port)));
+    KyInetAddr fromAccept;
+    KySocket secondServer;
+    ASSERT_TRUE(secondServer.AcceptFrom(listener.FileDescriptor(), 0, &fromAccept));
+    KyInetAddr secondSide;
+    ASSERT_TRUE(second.LocalAddress(secondSide));
+    EXPECT_TRUE(fromAccept == secondSide);
+
     // No connection pending on a non-blocking listener.
     ASSERT_TRUE(listener.SetBlocking(false));
     KySocket none;
