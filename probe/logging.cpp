@@ -85,8 +85,9 @@ Logging::Logging(KyUniString const& logDirectory, KyUniString const& logFilter)
     eventloop.AddBeforeWait(&KyLog::Flush);
 }
 
+// The flush hook stays with the loop: it is a plain function that is harmless without
+// logs, and this object may be destroyed during static destruction, after the loop itself.
 Logging::~Logging() {
-    eventloop.RemoveBeforeWait(&KyLog::Flush);
     closeLogs();
 }
 
