@@ -4,6 +4,8 @@
 // message's category.
 #pragma once
 
+#include <string_view>
+
 #include "lib/numbers.h"
 #include "lib/unistring.h"
 
@@ -57,7 +59,8 @@ void LogLoadPacketFail(KyUniString const& packet, KyUniString const& address,
 void LogCommandMissing();
 void LogSyntaxError(KyUniString const& command, KyScalar<int> position, KyUniString const& reason);
 void LogCommandText(KyUniString const& command);
-void LogResponseText(KyUniString const& response);
+// The reply as it goes out, already UTF-8: logged without another conversion.
+void LogResponseText(std::string_view responseUtf8);
 void LogAttribSetFail(KyUniString const& name, KyUniString const& value);
 void LogAttribSetSuccess(KyUniString const& name, KyUniString const& value);
 void LogAttribGetFail(KyUniString const& name);

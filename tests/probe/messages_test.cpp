@@ -167,8 +167,7 @@ const MessageCase cases[] = {
      "resend it."},
     {37, "hostgauge/command/info", [] { LogCommandText(KyUniString("alpha")); },
      "Command is \nalpha"},
-    {38, "hostgauge/command/info", [] { LogResponseText(KyUniString("alpha")); },
-     "Response is \nalpha"},
+    {38, "hostgauge/command/info", [] { LogResponseText("alpha"); }, "Response is \nalpha"},
     {39, "hostgauge/set_attribute/error",
      [] { LogAttribSetFail(KyUniString("alpha"), KyUniString("beta gamma")); },
      "Failed to register attribute setting (alpha = beta gamma).\nThe hostgauge may not work "
