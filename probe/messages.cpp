@@ -210,13 +210,13 @@ void LogResponderBindFailed(KyUniString const& reason) {
          ".\nThe hostgauge will not be able to function.\nCheck the availability of suitable "
          "ports.");
 }
-void LogLoadPacketSent(KyUniString const& packet, KyUniString const& address) {
+void LogLoadPacketSent(std::string_view packet, KyUniString const& address) {
     Emit(32, packet, "\nsent to ", address);
 }
 void LogLoadSent(KyScalar<unsigned> idle, KyUniString const& address) {
     Emit(33, "Idle value ", idle, " sent to ", address, " ");
 }
-void LogLoadPacketFail(KyUniString const& packet, KyUniString const& address,
+void LogLoadPacketFail(std::string_view packet, KyUniString const& address,
                        KyUniString const& reason, KyScalar<int> error) {
     Emit(34, "Failed to send packet\n", packet, "\nto address ", address, ". Error was ", reason,
          ", errno was ", error,

@@ -51,9 +51,10 @@ void LogListenFailed(KyScalar<unsigned> port, KyUniString const& reason);
 void LogBadCommand(KyScalar<unsigned> length, KyUniString const& request);
 // Responder (31-34).
 void LogResponderBindFailed(KyUniString const& reason);
-void LogLoadPacketSent(KyUniString const& packet, KyUniString const& address);
+// The datagram's text as sent, in UTF-8.
+void LogLoadPacketSent(std::string_view packet, KyUniString const& address);
 void LogLoadSent(KyScalar<unsigned> idle, KyUniString const& address);
-void LogLoadPacketFail(KyUniString const& packet, KyUniString const& address,
+void LogLoadPacketFail(std::string_view packet, KyUniString const& address,
                        KyUniString const& reason, KyScalar<int> error);
 // Command interpreter (35-41).
 void LogCommandMissing();
