@@ -102,9 +102,15 @@ void KyByteCircuit::ReadMore(unsigned count) {
     wanted_ += count;
 }
 
+void KyByteCircuit::ReadUpTo(unsigned count) {
+    ReadMore(count);
+    anyAmount_ = true;
+}
+
 KyByteBuffer KyByteCircuit::TakeIncoming() {
     KyByteBuffer taken(incoming_);
     wanted_ = 0;
+    anyAmount_ = false;
     // Starting a fresh buffer is truncation to 0 without copying the shared bytes first.
     static_cast<KyByteBuffer&>(incoming_) = KyByteBuffer();
     return taken;
@@ -216,10 +222,15 @@ void KyByteCircuit::readCB(KyCallback<cbdispatch>*, cbdispatch) {
         case ioPartial:
             incoming_.Extend(length + static_cast<std::uint32_t>(count));
             wanted_ -= static_cast<unsigned>(count);
-            return;
+            if (count == 0 || !anyAmount_)
+                return;
+            wanted_ = 0;
+            anyAmount_ = false;
+            continue;
         case ioComplete:
             incoming_.Extend(length + wanted_);
             wanted_ = 0;
+            anyAmount_ = false;
             continue;
         case ioEndOfFile:
             EndOfFile(wanted_ != 0);

@@ -80,6 +80,9 @@ public:
     unsigned WantRead();
     unsigned StopRead();
     void ReadMore(unsigned count);
+    // Like ReadMore, but hands over whatever the next successful read brings, up to count
+    // bytes: for a peer whose message length is unknown, without asking the kernel first.
+    void ReadUpTo(unsigned count);
     KyByteBuffer TakeIncoming();
     void ReceiveFileDescriptor();
 
@@ -124,5 +127,6 @@ private:
     std::deque<Message> queue_;
     Message incoming_;
     unsigned wanted_ = 0;
+    bool anyAmount_ = false; // set by ReadUpTo until the next hand-over
     Statistics statistics_;
 };

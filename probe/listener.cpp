@@ -127,8 +127,9 @@ void Listener::acceptCB(KyCallback<cbdispatch>*, cbdispatch reason) {
     if (reason != KyEvent::Fired) {
         return;
     }
-    // Everything queued is taken now: one accept per wake-up cannot keep up with a burst.
-    while (registered_ && acceptOne()) {
+    // A burst is taken in one go (one accept per wake-up cannot keep up with it), but only
+    // so much of it: whatever is left keeps the socket readable for the next pass.
+    for (unsigned taken = 0; taken < ACCEPTS_PER_WAKEUP && registered_ && acceptOne(); ++taken) {
     }
 }
 
@@ -279,8 +280,15 @@ void Listener::startNewConnection(int fd, bool prepared) {
         // Answered once it is in the live list, so a write error can take it out again.
         answering->answer();
     } else {
-        circuits_.push_back(std::make_unique<RequestCircuit>(loop_, fd, this, prepared));
-        armSweep(circuits_.back()->acceptedAt() + idleLimit_);
+        auto circuit = std::make_unique<RequestCircuit>(loop_, fd, this, prepared);
+        RequestCircuit* reading = circuit.get();
+        circuits_.push_back(std::move(circuit));
+        // A client sends its request as it connects, so the request is usually in already:
+        // read now, not a loop pass later. An answered circuit stays alive until the next pass.
+        reading->readCB(nullptr, KyEvent::Fired);
+        if (reading->awaitingRequest()) {
+            armSweep(reading->acceptedAt() + idleLimit_);
+        }
     }
 }
 

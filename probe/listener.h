@@ -30,6 +30,9 @@ public:
     // How long a queued reply may go without any of it being taken by the client.
     static constexpr unsigned WRITE_LIMIT_MS = 30000;
     static constexpr const char* WRITE_LIMIT_ENV = "HOSTGAUGE_WRITE_LIMIT_MS";
+    // Connections taken per wake-up. Most are answered as they are accepted, so clients
+    // that reconnect at once would otherwise keep the loop here and its timers waiting.
+    static constexpr unsigned ACCEPTS_PER_WAKEUP = 64;
     // How long accepting rests once descriptors have run out.
     static constexpr unsigned ACCEPT_PAUSE_SECONDS = 1;
     // Descriptors that connections leave to the rest of the daemon (log files, the load

@@ -15,6 +15,9 @@ namespace {
 void AppendPart(std::string& out, const char* literal) {
     out.append(literal);
 }
+void AppendPart(std::string& out, std::string_view utf8) {
+    out.append(utf8);
+}
 void AppendPart(std::string& out, KyUniString const& text) {
     KyUtf8::AppendEncoded(text.View(), out);
 }
@@ -207,13 +210,13 @@ void LogResponderBindFailed(KyUniString const& reason) {
          ".\nThe hostgauge will not be able to function.\nCheck the availability of suitable "
          "ports.");
 }
-void LogLoadPacketSent(KyUniString const& packet, KyUniString const& address) {
+void LogLoadPacketSent(std::string_view packet, KyUniString const& address) {
     Emit(32, packet, "\nsent to ", address);
 }
 void LogLoadSent(KyScalar<unsigned> idle, KyUniString const& address) {
     Emit(33, "Idle value ", idle, " sent to ", address, " ");
 }
-void LogLoadPacketFail(KyUniString const& packet, KyUniString const& address,
+void LogLoadPacketFail(std::string_view packet, KyUniString const& address,
                        KyUniString const& reason, KyScalar<int> error) {
     Emit(34, "Failed to send packet\n", packet, "\nto address ", address, ". Error was ", reason,
          ", errno was ", error,
@@ -233,8 +236,8 @@ void LogSyntaxError(KyUniString const& command, KyScalar<int> position, KyUniStr
 void LogCommandText(KyUniString const& command) {
     Emit(37, "Command is \n", command);
 }
-void LogResponseText(KyUniString const& response) {
-    Emit(38, "Response is \n", response);
+void LogResponseText(std::string_view responseUtf8) {
+    Emit(38, "Response is \n", responseUtf8);
 }
 void LogAttribSetFail(KyUniString const& name, KyUniString const& value) {
     Emit(39, "Failed to register attribute setting (", name, " = ", value,

@@ -4,6 +4,8 @@
 // message's category.
 #pragma once
 
+#include <string_view>
+
 #include "lib/numbers.h"
 #include "lib/unistring.h"
 
@@ -49,15 +51,17 @@ void LogListenFailed(KyScalar<unsigned> port, KyUniString const& reason);
 void LogBadCommand(KyScalar<unsigned> length, KyUniString const& request);
 // Responder (31-34).
 void LogResponderBindFailed(KyUniString const& reason);
-void LogLoadPacketSent(KyUniString const& packet, KyUniString const& address);
+// The datagram's text as sent, in UTF-8.
+void LogLoadPacketSent(std::string_view packet, KyUniString const& address);
 void LogLoadSent(KyScalar<unsigned> idle, KyUniString const& address);
-void LogLoadPacketFail(KyUniString const& packet, KyUniString const& address,
+void LogLoadPacketFail(std::string_view packet, KyUniString const& address,
                        KyUniString const& reason, KyScalar<int> error);
 // Command interpreter (35-41).
 void LogCommandMissing();
 void LogSyntaxError(KyUniString const& command, KyScalar<int> position, KyUniString const& reason);
 void LogCommandText(KyUniString const& command);
-void LogResponseText(KyUniString const& response);
+// The reply as it goes out, already UTF-8: logged without another conversion.
+void LogResponseText(std::string_view responseUtf8);
 void LogAttribSetFail(KyUniString const& name, KyUniString const& value);
 void LogAttribSetSuccess(KyUniString const& name, KyUniString const& value);
 void LogAttribGetFail(KyUniString const& name);

@@ -3,7 +3,6 @@
 // connection closes once the whole reply has been written; the object goes a pass later.
 #include "probe/requestcircuit.h"
 
-#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -42,12 +41,20 @@ RequestCircuit::~RequestCircuit() {
 
 void RequestCircuit::ReadAvail(KyByteBuffer& incoming) {
     if (incoming.Length() == 0) {
-        long available = 0;
-        connection_.AmountAvailable(available);
-        ReadMore(static_cast<unsigned>(std::max(available, 1L)));
+        ReadUpTo(READ_CHUNK);
         return;
     }
+    // A read that filled the chunk may have left more behind: the request is everything
+    // that has arrived, so the rest is taken too before it is judged.
+    const bool filled = incoming.Length() == READ_CHUNK;
     request_.Append(TakeIncoming());
+    if (filled) {
+        long available = 0;
+        if (connection_.AmountAvailable(available) && available > 0) {
+            ReadMore(static_cast<unsigned>(available));
+            return;
+        }
+    }
     // HTTP GETs are read up to the end of their headers, which browsers make longer than
     // the 512 bytes that bound every other request; those keep their one-read framing.
     switch (HttpRequest::frame(request_.AsStringView())) {
@@ -135,11 +142,10 @@ bool RequestCircuit::isComplete(KyByteBuffer& request) {
 void RequestCircuit::DispatchRequest(KyByteBuffer& request, std::string_view head) {
     KyUniString text;
     text.CreateFrom(request, KyEncodingUtf8);
-    const KyUniString reply = parser_.doCommand(text).Str();
-    // Logged from the text in hand: a status report runs to megabytes, and decoding its
-    // bytes again only to log them doubled the cost of answering.
-    LogResponseText(reply);
-    reply_ = reply.AsEncoding(KyEncodingUtf8);
+    // Encoded once: the log record takes the same bytes that go out (a status report runs
+    // to megabytes, and converting it a second time for the log doubled the cost).
+    reply_ = parser_.doCommand(text).Str().AsEncoding(KyEncodingUtf8);
+    LogResponseText(reply_.AsStringView());
     if (!head.empty()) {
         QueueReply(KyByteBuffer(static_cast<std::uint32_t>(head.size()), head.data()), false);
     }
@@ -147,9 +153,7 @@ void RequestCircuit::DispatchRequest(KyByteBuffer& request, std::string_view hea
 }
 
 void RequestCircuit::SendReply(const KyByteBuffer& reply, bool close) {
-    KyUniString text;
-    text.CreateFrom(reply, KyEncodingUtf8);
-    LogResponseText(text);
+    LogResponseText(reply.AsStringView());
     QueueReply(reply, close);
 }
 

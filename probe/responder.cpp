@@ -76,20 +76,20 @@ KyStatus Responder::sendLoadPacket(unsigned int, const KyUniString&, unsigned in
 }
 
 KyStatus Responder::sendPacket(KyOSStream& text, const KyInetAddr& address, const KyUniString&) {
-    const KyUniString packetText = text.Str();
     const KyUniString addressText = address.AsString(true);
-    // The text is plain ASCII, which the platform's 8-bit encoding keeps byte for byte.
-    const std::string bytes = packetText.AsUtf8();
+    // The text is plain ASCII, which the platform's 8-bit encoding keeps byte for byte. The
+    // log records take the same bytes, so the text is converted once.
+    const std::string bytes = text.Str().AsUtf8();
     long written = 0;
     const KyIOResult result =
         socket_.WriteMessage(bytes.data(), static_cast<long>(bytes.size()), written, address);
     if (result == ioComplete) {
         ++myCounters.datagramsSent;
-        LogLoadPacketSent(packetText, addressText);
+        LogLoadPacketSent(bytes, addressText);
         return Success;
     }
     ++myCounters.datagramsFailed;
-    LogLoadPacketFail(packetText, addressText, KyUniString(reasonWord(result)),
+    LogLoadPacketFail(bytes, addressText, KyUniString(reasonWord(result)),
                       socket_.ErrorErrno());
     return Failure;
 }

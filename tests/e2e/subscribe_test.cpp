@@ -113,6 +113,8 @@ TEST(Subscription, RequestsOutOfBoundsOrInPiecesGetWhatTheFirstReadHolds) {
     EXPECT_EQ(request(daemon.port(), std::string(10, 'a')), kRefusal);
     EXPECT_EQ(request(daemon.port(), kill(7) + std::string(513 - kill(7).size(), ' ')), kRefusal);
     EXPECT_TRUE(daemon.waitForLog("Bad request (length 513)."));
+    EXPECT_EQ(request(daemon.port(), kill(7) + std::string(5000 - kill(7).size(), ' ')), kRefusal);
+    EXPECT_TRUE(daemon.waitForLog("Bad request (length 5000).")) << "all that came is judged";
     EXPECT_TRUE(daemon.waitForLog("Bad request (length 10). Request is [  ]."))
         << "a short request is logged with the empty output text";
     EXPECT_NE(request(daemon.port(), kill(7) + std::string(512 - kill(7).size(), ' '))

@@ -35,7 +35,10 @@ public:
         }
         if (onData)
             onData();
-        ReadMore(chunk);
+        if (anyAmount)
+            ReadUpTo(chunk);
+        else
+            ReadMore(chunk);
     }
     void EndOfFile(bool inMiddle) override {
         endOfFile.push_back(inMiddle);
@@ -55,6 +58,7 @@ public:
 
     KyFile file;
     unsigned chunk = 4096;
+    bool anyAmount = false;
     std::string received;
     std::vector<KyByteBuffer> taken;
     std::vector<bool> endOfFile;
@@ -217,6 +221,34 @@ TEST_F(ByteCircuitTest, TakenBuffersSurviveLaterReads) {
     for (const KyByteBuffer& piece : reader.taken)
         pieces.emplace_back(piece.AsStringView());
     EXPECT_EQ(pieces, (std::vector<std::string>{"abcd", "efgh", "ijkl"}));
+}
+
+TEST_F(ByteCircuitTest, ReadUpToHandsOverWhatEachReadBringsWhereReadMoreWaitsForAll) {
+    Circuit any(loop, fd[1]);
+    any.chunk = 8;
+    any.anyAmount = true;
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    Circuit exact(loop, pair[1]);
+    exact.chunk = 8;
+    any.onData = [&] {
+        if (any.received == "abc")
+            ASSERT_EQ(write(fd[0], "defghijklm", 10), 10); // more than one chunk
+        if (any.received.size() == 13)
+            StopAfter(20000); // time for the exact reader's read to come and go
+    };
+    ASSERT_EQ(write(fd[0], "abc", 3), 3);
+    ASSERT_EQ(write(pair[0], "abc", 3), 3);
+    any.WantRead();
+    exact.WantRead();
+    EXPECT_EQ(Run(), 0);
+    std::vector<std::string> pieces;
+    for (const KyByteBuffer& piece : any.taken)
+        pieces.emplace_back(piece.AsStringView());
+    EXPECT_EQ(pieces, (std::vector<std::string>{"abc", "defghijk", "lm"}));
+    EXPECT_TRUE(exact.taken.empty()) << "three of eight bytes are not handed over";
+    EXPECT_EQ(exact.Wanted(), 5u);
+    close(pair[0]);
 }
 
 TEST_F(ByteCircuitTest, DescriptorsPassBothWaysAndDataFollows) {

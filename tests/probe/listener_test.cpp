@@ -13,6 +13,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "probe/listener.h"
 #include "tests/lib/loopcall.h"
@@ -125,6 +126,39 @@ TEST_F(ListenerTest, CircuitsLeaveNothingBehind) {
     char byte;
     EXPECT_EQ(::read(pair[1], &byte, 1), 0) << "its connection is closed";
     ::close(pair[1]);
+}
+
+// Clients that are answered as they are accepted could keep the loop accepting for ever:
+// a burst is taken in slices, and the timers of the same pass run between them.
+TEST_F(ListenerTest, ABurstIsAnsweredInSlicesWithTheLoopsTimersBetween) {
+    std::vector<int> clients(100);
+    for (int& fd : clients) {
+        fd = connectClient();
+        ASSERT_EQ(::write(fd, "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n", 32), 32);
+    }
+    const auto answered = [&] {
+        std::size_t count = 0;
+        for (int fd : clients) {
+            char byte;
+            count += ::recv(fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 1;
+        }
+        return count;
+    };
+    Call<> timer([&](int reason) {
+        if (reason == KyEvent::Fired) {
+            eventloop.ExitEventLoop(0);
+        }
+    });
+    eventloop.AddTimeoutEvent(KyTimeVal(), &timer);
+    eventloop.EnterEventLoop();
+    const std::size_t first = answered();
+    EXPECT_GT(first, 0u);
+    EXPECT_LT(first, clients.size()) << "the timer waited for the whole burst";
+    EXPECT_TRUE(runUntil([&] { return answered() == clients.size(); }));
+    for (int fd : clients) {
+        ::close(fd);
+    }
+    EXPECT_TRUE(runUntil([&] { return settled(); }));
 }
 
 TEST_F(ListenerTest, ASecondListenerCannotTakeTheSamePort) {

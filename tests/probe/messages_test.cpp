@@ -145,13 +145,13 @@ const MessageCase cases[] = {
      "Failed to bind for connectionless port reason alpha.\nThe hostgauge will not be able to "
      "function.\nCheck the availability of suitable ports."},
     {32, "hostgauge/responder/moreinfo",
-     [] { LogLoadPacketSent(KyUniString("alpha"), KyUniString("beta gamma")); },
+     [] { LogLoadPacketSent("alpha", KyUniString("beta gamma")); },
      "alpha\nsent to beta gamma"},
     {33, "hostgauge/responder/info", [] { LogLoadSent(4000000000u, KyUniString("alpha")); },
      "Idle value 4000000000 sent to alpha "},
     {34, "hostgauge/responder/error",
      [] {
-         LogLoadPacketFail(KyUniString("alpha"), KyUniString("beta gamma"), KyUniString("délta"),
+         LogLoadPacketFail("alpha", KyUniString("beta gamma"), KyUniString("délta"),
                            -42);
      },
      "Failed to send packet\nalpha\nto address beta gamma. Error was délta, errno was -42.\nThe "
@@ -167,8 +167,7 @@ const MessageCase cases[] = {
      "resend it."},
     {37, "hostgauge/command/info", [] { LogCommandText(KyUniString("alpha")); },
      "Command is \nalpha"},
-    {38, "hostgauge/command/info", [] { LogResponseText(KyUniString("alpha")); },
-     "Response is \nalpha"},
+    {38, "hostgauge/command/info", [] { LogResponseText("alpha"); }, "Response is \nalpha"},
     {39, "hostgauge/set_attribute/error",
      [] { LogAttribSetFail(KyUniString("alpha"), KyUniString("beta gamma")); },
      "Failed to register attribute setting (alpha = beta gamma).\nThe hostgauge may not work "
