@@ -7,31 +7,12 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdio>
 
 #include "tests/e2e/daemon_fixture.h"
 
 namespace {
 
 using namespace e2e;
-
-const std::string kCtl = std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-ctl";
-
-struct Outcome {
-    int status = -1;
-    std::string out;
-};
-
-Outcome ctl(const std::string& arguments) {
-    Outcome outcome;
-    FILE* pipe = ::popen((kCtl + " " + arguments + " 2>&1").c_str(), "r");
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        outcome.out.append(buffer, n);
-    const int status = ::pclose(pipe);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
-}
 
 // Everything the agent port sends until it closes; "RESET" when the connection was reset
 // instead of closed, so a reply destroyed by a reset cannot pass for a short one.
@@ -128,6 +109,8 @@ TEST(AgentPort, DrainAndMaintenanceReachEveryReportAndSurviveARestart) {
     const auto shown = ctl(daemon.socket() + "-p " + std::to_string(daemon.port()) + " status");
     EXPECT_NE(shown.out.substr(0, shown.out.find('\n')).find(", state drain"), std::string::npos)
         << shown.out;
+    const auto refused = ctl("-p " + std::to_string(daemon.port()) + " kill 99");
+    EXPECT_EQ(refused.status, 3) << refused.out;
     EXPECT_TRUE(daemon.waitForLog("changed the hostgauge state from ready to drain."));
 
     ::kill(daemon.pid(), SIGTERM);

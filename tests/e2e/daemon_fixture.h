@@ -74,6 +74,23 @@ inline unsigned short freePort(int type = SOCK_STREAM) {
     return ntohs(address.sin_port);
 }
 
+// Runs hostgauge-ctl with these arguments; its exit status and its output, stderr included.
+struct Outcome {
+    int status = -1;
+    std::string out;
+};
+inline Outcome ctl(const std::string& arguments) {
+    Outcome outcome;
+    const std::string command = std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-ctl " + arguments;
+    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        outcome.out.append(buffer, n);
+    const int status = ::pclose(pipe);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+}
+
 template <typename Condition>
 bool waitFor(Condition condition, std::chrono::seconds deadline = kDeadline) {
     const auto end = std::chrono::steady_clock::now() + deadline;

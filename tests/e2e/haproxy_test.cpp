@@ -14,7 +14,6 @@ namespace {
 
 using namespace e2e;
 
-const std::string kCtl = std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-ctl";
 constexpr const char* kHaproxy = "/usr/sbin/haproxy";
 constexpr auto kAgentInterval = 500ms;
 
@@ -117,10 +116,6 @@ private:
     pid_t pid_ = -1;
 };
 
-int ctl(const std::string& arguments) {
-    return std::system((kCtl + " " + arguments + " >/dev/null 2>&1").c_str());
-}
-
 TEST(Haproxy, WeightFollowsIdleDrainAndReadyShowInItsStatsAndDrainSurvivesARestart) {
     if (!fs::exists(kHaproxy)) {
         GTEST_SKIP() << "haproxy is not installed (apt-get install haproxy; scripts/deps.sh)";
@@ -137,19 +132,19 @@ TEST(Haproxy, WeightFollowsIdleDrainAndReadyShowInItsStatsAndDrainSurvivesAResta
     daemon.toolPrints(toolRun(70));
     EXPECT_TRUE(haproxy.shows("UP", "70"));
 
-    ASSERT_EQ(ctl(socket + "drain"), 0);
+    ASSERT_EQ(ctl(socket + "drain").status, 0);
     const auto drained = std::chrono::steady_clock::now();
     EXPECT_TRUE(haproxy.shows("DRAIN (agent)", "0"));
     EXPECT_LE(std::chrono::steady_clock::now() - drained, 2 * kAgentInterval + 200ms)
         << "DRAIN later than two agent intervals";
 
-    ASSERT_EQ(ctl(socket + "maint"), 0);
+    ASSERT_EQ(ctl(socket + "maint").status, 0);
     EXPECT_TRUE(haproxy.shows("MAINT", "0"));
-    ASSERT_EQ(ctl(socket + "ready"), 0);
+    ASSERT_EQ(ctl(socket + "ready").status, 0);
     EXPECT_TRUE(haproxy.shows("UP", "70"));
 
     // Drained, then restarted: the new daemon says drain from its first answer on.
-    ASSERT_EQ(ctl(socket + "drain"), 0);
+    ASSERT_EQ(ctl(socket + "drain").status, 0);
     ASSERT_TRUE(haproxy.shows("DRAIN (agent)", "0"));
     ::kill(daemon.pid(), SIGTERM);
     ASSERT_EQ(daemon.waitExit(), 604 % 256);
@@ -165,7 +160,7 @@ TEST(Haproxy, WeightFollowsIdleDrainAndReadyShowInItsStatsAndDrainSurvivesAResta
     }));
     EXPECT_EQ(haproxy.stat("status"), "DRAIN (agent)");
     EXPECT_EQ(haproxy.stat("weight"), "0");
-    ASSERT_EQ(ctl(socket + "ready"), 0);
+    ASSERT_EQ(ctl(socket + "ready").status, 0);
     EXPECT_TRUE(haproxy.shows("UP", "70"));
 }
 
