@@ -3,6 +3,8 @@
 // and look-ups limited to localhost, dotted decimal and the reserved .invalid domain.
 #include <gtest/gtest.h>
 
+#include <netdb.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -34,6 +36,21 @@ unsigned BindLoopback(KySocket& socket, KySocket::connectionType type) {
     EXPECT_TRUE(socket.LocalAddress(local));
     return local.GetPort();
 }
+
+// A bare root file system may have an /etc/hosts without localhost; ask the C library
+// directly, so a fault in KyDNS still fails wherever the name exists.
+bool LocalhostResolves() {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    addrinfo* found = nullptr;
+    const int result = ::getaddrinfo("localhost", nullptr, &hints, &found);
+    if (found != nullptr)
+        ::freeaddrinfo(found);
+    return result == 0;
+}
+
+const char* const kNoLocalhost = "\"localhost\" does not resolve on this machine (no entry in "
+                                 "/etc/hosts); the look-up of a local name cannot be tested here";
 
 TEST(KyInetAddr, TextFormsAndConstructorsAgree) {
     KyInetAddr any;
@@ -230,21 +247,25 @@ TEST(KyDNS, DottedDecimalAndLocalNamesResolveWithoutTheNetwork) {
     ASSERT_EQ(list.Length(), 1u);
     EXPECT_EQ(Utf8(list[0].AsString()), "10.1.2.3");
 
+    const int missing = KyDNS::GetAddressList("no-such-host.invalid", list);
+    EXPECT_TRUE(missing == KyDNS::HostNotFound || missing == KyDNS::TryAgain) << missing;
+    EXPECT_EQ(list.Length(), 1u) << "a failed look-up leaves the list alone";
+
+    if (!LocalhostResolves())
+        GTEST_SKIP() << kNoLocalhost;
     ASSERT_EQ(KyDNS::GetAddressList("localhost", list), KyDNS::Ok);
     bool loopback = false;
     for (const KyInetAddr& a : list)
         loopback = loopback || a.IsAddressEqual(KyInetAddr::AddressLoopback());
     EXPECT_TRUE(loopback);
-
-    const std::size_t found = list.Length();
-    const int missing = KyDNS::GetAddressList("no-such-host.invalid", list);
-    EXPECT_TRUE(missing == KyDNS::HostNotFound || missing == KyDNS::TryAgain) << missing;
-    EXPECT_EQ(list.Length(), found) << "a failed look-up leaves the list alone";
 }
 
 TEST(KyDNSCache, StoresNegativeEntriesAndExpiresEvery200thLookup) {
     KyDNSCache cache(0);
     KyDNS::SetCache(&cache);
+    // Uninstalled on every way out, a skip or a failed assertion included.
+    const std::unique_ptr<KyDNSCache, void (*)(KyDNSCache*)> installed(
+        &cache, [](KyDNSCache*) { KyDNS::SetCache(nullptr); });
     KyDList<KyInetAddr> list;
     const int missing = KyDNS::GetAddressList("cache-test.invalid", list);
     ASSERT_EQ(cache.NameCount(), 1u);
@@ -253,20 +274,24 @@ TEST(KyDNSCache, StoresNegativeEntriesAndExpiresEvery200thLookup) {
     // Absolute names are asked for, and cached, with their trailing dot.
     KyDNS::GetAddressList("absolute.invalid", list, true);
     EXPECT_NE(cache.FindByName("absolute.invalid."), nullptr);
+    EXPECT_EQ(KyDNS::GetAddressList("10.0.0.1", list), KyDNS::Ok);
+    EXPECT_EQ(cache.Lookups(), 3u) << "dotted decimal bypasses the cache";
+
+    // The 200th look-up empties the cache before it asks, so only its own name is back.
+    while (cache.Lookups() < 199)
+        KyDNS::GetAddressList("cache-test.invalid", list);
+    EXPECT_EQ(cache.NameCount(), 2u);
+    KyDNS::GetAddressList("cache-test.invalid", list);
+    EXPECT_EQ(cache.FindByName("absolute.invalid."), nullptr);
+    EXPECT_NE(cache.FindByName("cache-test.invalid"), nullptr);
+    EXPECT_EQ(cache.NameCount(), 1u);
+
+    // A name that resolves is also found by each of its addresses.
+    if (!LocalhostResolves())
+        GTEST_SKIP() << kNoLocalhost;
     ASSERT_EQ(KyDNS::GetAddressList("localhost", list), KyDNS::Ok);
     ASSERT_NE(cache.FindByName("localhost"), nullptr);
     EXPECT_NE(cache.FindByAddress(list[0]), nullptr);
-    EXPECT_EQ(KyDNS::GetAddressList("10.0.0.1", list), KyDNS::Ok);
-    EXPECT_EQ(cache.Lookups(), 4u) << "dotted decimal bypasses the cache";
-
-    while (cache.Lookups() < 199)
-        KyDNS::GetAddressList("localhost", list);
-    EXPECT_EQ(cache.NameCount(), 3u);
-    KyDNS::GetAddressList("localhost", list);
-    EXPECT_EQ(cache.FindByName("cache-test.invalid"), nullptr);
-    EXPECT_EQ(cache.FindByName("absolute.invalid."), nullptr);
-    EXPECT_NE(cache.FindByName("localhost"), nullptr);
-    KyDNS::SetCache(nullptr);
 }
 
 } // namespace
