@@ -70,6 +70,7 @@ TEST(Subscription, CreateReportsAtTheReplyFrequencyAndOnChangeUntilKilled) {
     const auto period = std::chrono::steady_clock::now() - first;
     EXPECT_GT(period, 9s) << "the reply timer's period is 10 s";
     EXPECT_LT(period, 12s);
+    EXPECT_TRUE(daemon.waitForLog("\nsent to 127.0.0.1:" + std::to_string(subscriber.port())));
 
     // The host's 5 s rate speeds the tool up; its window keeps the 30 s span.
     EXPECT_TRUE(waitFor([&] { return daemon.toolArgs().back() == "[-S][5][7]"; }));
