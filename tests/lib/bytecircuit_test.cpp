@@ -218,8 +218,12 @@ TEST_F(ByteCircuitTest, ReadUpToHandsOverWhatEachReadBringsWhereReadMoreWaitsFor
         if (any.received == "abc") {
             ASSERT_EQ(write(fd[0], "defghijklm", 10), 10); // more than one chunk
         }
-        if (any.received.size() == 13)
-            StopAfter(20000); // time for the exact reader's read to come and go
+        if (any.received.size() == 13) {
+            // From here on it asks for exactly eight again: two bytes are not enough.
+            any.anyAmount = false;
+            ASSERT_EQ(write(fd[0], "no", 2), 2);
+            StopAfter(20000); // time for the reads of both to come and go
+        }
     };
     ASSERT_EQ(write(fd[0], "abc", 3), 3);
     ASSERT_EQ(write(pair[0], "abc", 3), 3);
@@ -230,6 +234,7 @@ TEST_F(ByteCircuitTest, ReadUpToHandsOverWhatEachReadBringsWhereReadMoreWaitsFor
     for (const KyByteBuffer& piece : any.taken)
         pieces.emplace_back(piece.AsStringView());
     EXPECT_EQ(pieces, (std::vector<std::string>{"abc", "defghijk", "lm"}));
+    EXPECT_EQ(any.Wanted(), 6u);
     EXPECT_TRUE(exact.taken.empty()) << "three of eight bytes are not handed over";
     EXPECT_EQ(exact.Wanted(), 5u);
     close(pair[0]);
