@@ -99,6 +99,8 @@ TEST(Subscription, RequestsOutOfBoundsOrInPiecesGetWhatTheFirstReadHolds) {
     ASSERT_TRUE(daemon.startServing());
 
     EXPECT_EQ(request(daemon.port(), std::string(10, 'a')), kRefusal);
+    EXPECT_NE(request(daemon.port(), "GET /cvnlbx"), "")
+        << "a GET line of the protocol is answered from 11 bytes on, without its line end";
     EXPECT_EQ(request(daemon.port(), kill(7) + std::string(513 - kill(7).size(), ' ')), kRefusal);
     EXPECT_TRUE(daemon.waitForLog("Bad request (length 513)."));
     EXPECT_EQ(request(daemon.port(), kill(7) + std::string(5000 - kill(7).size(), ' ')), kRefusal);
