@@ -171,33 +171,27 @@ TEST(File, PathRationalising) {
 }
 
 TEST(File, DescriptorPassingOverASocketPair) {
-    int sockets[2];
+    int sockets[2], ends[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
-    KyFile sender(sockets[0]);
-    KyFile receiver(sockets[1]);
-    int pipeEnds[2];
-    ASSERT_EQ(::pipe(pipeEnds), 0);
+    ASSERT_EQ(::pipe(ends), 0);
+    KyFile sender(sockets[0]), receiver(sockets[1]);
 
-    ASSERT_EQ(sender.SendFD(pipeEnds[1]), ioComplete);
+    ASSERT_EQ(sender.SendFD(ends[1]), ioComplete);
     KyFile::RecvFDInfo info;
     ASSERT_EQ(receiver.RecvFD(info), ioComplete);
-    ASSERT_GE(info.fd, 0);
-    EXPECT_NE(info.fd, pipeEnds[1]);
     EXPECT_EQ(info.uid, ::getuid());
+    char text[2] = {};
     ASSERT_EQ(::write(info.fd, "p", 1), 1);
-    char byte = 0;
-    ASSERT_EQ(::read(pipeEnds[0], &byte, 1), 1);
-    EXPECT_EQ(byte, 'p');
-    ::close(info.fd);
-    ::close(pipeEnds[0]);
-    ::close(pipeEnds[1]);
+    ASSERT_EQ(::read(ends[0], text, 1), 1);
+    EXPECT_EQ(text[0], 'p');
+    for (int f : {info.fd, ends[0], ends[1]})
+        ::close(f);
 
     // Plain data where a descriptor was expected: EBADMSG, and the data stays readable.
     long count = 0;
     ASSERT_EQ(sender.Write("hi", 2, count), ioComplete);
     EXPECT_EQ(receiver.RecvFD(info), ioError);
     EXPECT_EQ(receiver.ErrorErrno(), EBADMSG);
-    char text[2] = {};
     EXPECT_EQ(receiver.Read(text, 2, count), ioComplete);
     EXPECT_EQ(std::string(text, 2), "hi");
 
