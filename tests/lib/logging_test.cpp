@@ -158,38 +158,52 @@ TEST(LogFiles, CreatedAtSetUpOwnerOnlyCloseOnExecAndRecreatedOnReOpen) {
     EXPECT_EQ(ReadWhole(dir / "moved.log").find("after move"), std::string::npos);
 }
 
-// A daemon forks its load tool every run: a child that logs nothing must leave no files.
-TEST(LogFiles, ForkedChildWritesToFilesNamedWithItsOwnPidAndASilentOneLeavesNone) {
+// A daemon forks its load tool every run. A child that logs nothing leaves no files; a child
+// does not write what its parent had queued at the fork; what it queues itself goes to its
+// own file at exit(), and is lost by a process that dies without exit handlers.
+TEST(LogFiles, ForkedChildrenWriteOnlyTheirOwnRecordsToFilesNamedWithTheirPid) {
     LogTempDir dir;
     UseFilters(dir.Path(), {"*/*/*:f%%PID%%.log", "*/*/*error:f%%PID%%.jsl"});
-    KyLog::JserverLog(0, "parent, before forking");
-    auto forkChild = [](bool logs) {
-        KyLog::AboutToFork();
+    auto forkChild = [](char const* text, bool runExitHandlers) {
+        std::fflush(nullptr); // the test's own output is not the child's to repeat
         const pid_t child = fork();
         if (child == 0) {
             KyLog::HaveForked();
-            if (logs) {
-                KyLog::JserverLog(0, "from the child");
+            if (text != nullptr) {
+                KyLog::JserverLog(0, text);
             }
-            KyLog::Flush();
+            if (runExitHandlers) {
+                std::exit(0);
+            }
             _exit(0);
         }
         int status = 0;
         waitpid(child, &status, 0);
         return child;
     };
-    const pid_t silent = forkChild(false);
-    const pid_t child = forkChild(true);
-    EXPECT_FALSE(std::filesystem::exists(dir / ("f" + std::to_string(silent) + ".log")));
-    EXPECT_FALSE(std::filesystem::exists(dir / ("f" + std::to_string(child) + ".jsl")));
+    auto file = [&dir](pid_t pid, char const* extension) {
+        return dir / ("f" + std::to_string(pid) + extension);
+    };
+    KyLog::JserverLog(0, "the parent's, queued at the fork");
+    const pid_t silent = forkChild(nullptr, true);
+    const pid_t exits = forkChild("the child's, written at exit", true);
+    const pid_t dies = forkChild("the child's, lost with it", false);
+    EXPECT_FALSE(std::filesystem::exists(file(silent, ".log")));
+    EXPECT_FALSE(std::filesystem::exists(file(exits, ".jsl")));
+    EXPECT_EQ(ReadWhole(file(dies, ".log")), "");
+    const std::string childFile = ReadWhole(file(exits, ".log"));
+    EXPECT_NE(childFile.find("(pid " + std::to_string(exits) + ")"), std::string::npos);
+    const auto child = ParseRecords(childFile);
+    ASSERT_EQ(child.size(), 1u);
+    EXPECT_EQ(child[0].text, "the child's, written at exit");
+
     KyLog::HaveForked(); // unchanged pid: nothing moves
     KyLog::JserverLog(0, "from the parent");
     KyLog::Flush();
-    const std::string childFile = ReadWhole(dir / ("f" + std::to_string(child) + ".log"));
-    EXPECT_NE(childFile.find("(pid " + std::to_string(child) + ")"), std::string::npos);
-    const std::string parentFile = ReadWhole(dir / ("f" + std::to_string(getpid()) + ".log"));
-    EXPECT_EQ(parentFile.find("from the child"), std::string::npos);
-    EXPECT_NE(parentFile.find("from the parent"), std::string::npos);
+    const auto parent = ParseRecords(ReadWhole(file(getpid(), ".log")));
+    ASSERT_EQ(parent.size(), 2u);
+    EXPECT_EQ(parent[0].text, "the parent's, queued at the fork");
+    EXPECT_EQ(parent[1].text, "from the parent");
 }
 
 // Records wait in their destination's buffer, in order, until a flush, a reopen or a full
@@ -235,35 +249,6 @@ TEST(LogBuffers, RecordsWaitForAFlushPointAndAreWrittenWholeAndInOrder) {
     KyLog::Flush();
     EXPECT_NE(ReadWhole(dir / "moved.log").find("queued before the move"), std::string::npos);
     EXPECT_TRUE(std::filesystem::is_empty(dir / "b.log"));
-}
-
-// A child does not write what its parent had queued at the fork; what the child queues
-// itself is written by exit(), but not by a process that dies without exit handlers.
-TEST(LogBuffers, AChildWritesOnlyItsOwnRecordsAndExitWritesWhatIsQueued) {
-    LogTempDir dir;
-    UseFilters(dir.Path(), {"*/*/*:shared.log"});
-    auto runChild = [](char const* text, bool runExitHandlers) {
-        std::fflush(nullptr); // the test's own output is not the child's to repeat
-        const pid_t child = fork();
-        if (child == 0) {
-            KyLog::HaveForked();
-            KyLog::JserverLog(0, text);
-            if (runExitHandlers) {
-                std::exit(0);
-            }
-            _exit(0);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-    };
-    KyLog::JserverLog(0, "the parent's, queued at the fork");
-    runChild("the child's, written at exit", true);
-    runChild("the child's, lost with it", false);
-    KyLog::Flush();
-    const auto records = ParseRecords(ReadWhole(dir / "shared.log"));
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].text, "the child's, written at exit");
-    EXPECT_EQ(records[1].text, "the parent's, queued at the fork");
 }
 
 TEST(LogFiles, EmptyDirectoryMeansTheCurrentOne) {
