@@ -5,7 +5,9 @@
 #include "probe/bogomips.h"
 #include "probe/cache.h"
 #include "probe/childmanager.h"
+#include "probe/logging.h"
 #include "probe/vmstatfilter.h"
+#include "tests/lib/logtemp.h"
 #include "tests/lib/loopcall.h"
 
 #include <gtest/gtest.h>
@@ -116,6 +118,7 @@ protected:
     }
     void TearDown() override {
         manager.reset();
+        bootLogger.reset();
         myCache = nullptr;
         myBogomips = nullptr;
         the_current_process = nullptr;
@@ -179,8 +182,11 @@ std::uint64_t realWall() {
 }
 
 // Runs that cache nothing wait before the next fork: 1 s, doubling, at most the sample
-// rate (5 s here); a run that caches a sample ends the waiting.
+// rate (5 s here); a run that caches a sample ends the waiting. The fifth empty run in a
+// row is reported, the sixth is not (the reminders come a hundred runs apart).
 TEST_F(ChildManagerTest, RunsThatCacheNothingWaitLongerBeforeTheNextFork) {
+    LogTempDir dir;
+    bootLogger = std::make_unique<Logging>(KyUniString(dir.Path()), "*/*/*:tool.log");
     fakeMonotonic = 1000000000;
     loop.SetClocks(realWall, [] { return fakeMonotonic; });
     // One pass of the loop after `seconds` have gone by: true if the tool was started again.
@@ -210,6 +216,14 @@ TEST_F(ChildManagerTest, RunsThatCacheNothingWaitLongerBeforeTheNextFork) {
     EXPECT_EQ(manager->getEmptyRuns(), 5u);
     process.script = runPrinting(50);
     finishRun(); // the empty run before the script changed
+    EXPECT_EQ(manager->getEmptyRuns(), 6u);
+    std::vector<std::string> reports;
+    for (const auto& record : ParseRecords(ReadLog(dir / "tool.log"))) {
+        if (record.text.find("did not return any data") != std::string::npos)
+            reports.push_back(record.text);
+    }
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_NE(reports[0].find(" data on 5 successive"), std::string::npos) << reports[0];
     ASSERT_TRUE(forksAfter(5.1));
     finishRun();
     EXPECT_EQ(manager->getRetryWait(), 0u);
