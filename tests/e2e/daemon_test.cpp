@@ -80,13 +80,6 @@ TEST(DaemonTest, MeasuresUntilSigtermThenCleansUp) {
     EXPECT_TRUE(waitFor([&] { return processGone(tool); }, 5s)) << "the tool is killed";
 }
 
-TEST(DaemonTest, SigpipeStopsTheDaemonToo) {
-    Daemon daemon;
-    // The pid file is written last, after the signal handling is in place.
-    ASSERT_TRUE(daemon.startServing());
-    expectStoppedBy(daemon, SIGPIPE, "SIGPIPE", 606);
-}
-
 TEST(DaemonTest, UnknownFilterEndsStartUpWithCodeFour) {
     Daemon daemon;
     daemon.set("filter", "VmstatFilter");

@@ -1,6 +1,6 @@
 // Tests of the load-tool child manager: the tool's argument vector, the pipe buffer's
-// growth, the run cycle driven by hand against a scripted tool, and the fork retries.
-// Signals and the real loop are covered end to end.
+// growth, the run cycle driven by hand against a scripted tool, the stop signals' exit
+// codes, and the fork retries.
 #include "lib/eventloop.h"
 #include "probe/bogomips.h"
 #include "probe/cache.h"
@@ -228,6 +228,41 @@ TEST_F(ChildManagerTest, RunsThatCacheNothingWaitLongerBeforeTheNextFork) {
     finishRun();
     EXPECT_EQ(manager->getRetryWait(), 0u);
     EXPECT_EQ(manager->getEmptyRuns(), 0u);
+}
+
+// A stop by signal leaves the loop with the code the operators' scripts know, and says which
+// signal it was. One manager takes all three: its handlers stay registered with the process.
+TEST_F(ChildManagerTest, StopSignalsEndTheLoopWithTheirExitCodes) {
+    LogTempDir dir;
+    bootLogger = std::make_unique<Logging>(KyUniString(dir.Path()), "*/*/*:stop.log");
+    manager = std::make_unique<ChildManager>(loop, &filter);
+    const struct {
+        int signal;
+        int code;
+        std::string name;
+    } stops[] = {{SIGINT, 603, "SIGINT"}, {SIGTERM, 604, "SIGTERM"}, {SIGPIPE, 606, "SIGPIPE"}};
+    for (const auto& stop : stops) {
+        SCOPED_TRACE(stop.name);
+        // Raised from inside the loop: the process records signals only while it runs.
+        const KyTimeVal now, limit = now + KyTimeVal(2, 0);
+        Call<> raiser{[&](int reason) {
+            if (reason == KyEvent::Fired)
+                ::raise(stop.signal);
+        }};
+        Call<> guard{[this](int reason) {
+            if (reason == KyEvent::Fired)
+                loop.ExitEventLoop(-1);
+        }};
+        loop.AddTimeoutEvent(now, &raiser);
+        loop.AddTimeoutEvent(limit, &guard);
+        EXPECT_EQ(loop.EnterEventLoop(), stop.code);
+        loop.RemoveTimeoutEvent(limit, &guard);
+        const auto records = ParseRecords(ReadLog(dir / "stop.log"));
+        ASSERT_FALSE(records.empty());
+        EXPECT_NE(records.back().text.find("by signal " + stop.name + "."), std::string::npos)
+            << records.back().text;
+    }
+    EXPECT_EQ(ParseRecords(ReadLog(dir / "stop.log")).size(), std::size(stops));
 }
 
 TEST_F(ChildManagerTest, IgnoresTheDeathOfAnotherChild) {
