@@ -232,8 +232,9 @@ TEST_F(ByteCircuitTest, ReadUpToHandsOverWhatEachReadBringsWhereReadMoreWaitsFor
     Circuit exact(loop, pair[1]);
     exact.chunk = 8;
     any.onData = [&] {
-        if (any.received == "abc")
+        if (any.received == "abc") {
             ASSERT_EQ(write(fd[0], "defghijklm", 10), 10); // more than one chunk
+        }
         if (any.received.size() == 13)
             StopAfter(20000); // time for the exact reader's read to come and go
     };
