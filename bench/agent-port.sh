@@ -26,7 +26,7 @@ trap cleanup EXIT
 cc -O2 -o "$work/connbench" "$yardsticks/connbench.c"
 cc -O2 -o "$work/ceiling_server" "$yardsticks/ceiling_server.c"
 
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
+source "$root/bench/daemon.sh"
 # utime + stime of a process, in clock ticks.
 cpu_ticks() { awk '{ print $14 + $15 }' "/proc/$1/stat"; }
 # One request on its own connection, read to the daemon's close (bash's /dev/tcp: no nc needed).
@@ -35,15 +35,7 @@ send() { exec 3<>"/dev/tcp/127.0.0.1/$1"; printf '%s' "$2" >&3; cat <&3 >/dev/nu
 # The daemon with this machine's configuration, on a free port, its logs in the work dir.
 port=$(free_port)
 agent_port=$(free_port)
-bash "$root/scripts/gen-config.sh" "$work/run" >/dev/null 2>&1
-sed -i -e "s|^corvane.config.hostspread.port=.*|corvane.config.hostspread.port=$port|" \
-    -e "s|^corvane.config.hostspread.agentport=.*|corvane.config.hostspread.agentport=$agent_port|" \
-    -e "s|^corvane.config.hostspread.probepath=.*|corvane.config.hostspread.probepath=$build/hostgauge-vmstat -S|" \
-    "$work/run/hostspread.properties"
-"$build/hostgauge" "$work/run" >"$work/daemon.out" 2>&1 &
-daemon_pid=$!
-for _ in $(seq 1 300); do [ -f "$work/run/hostgauge.pid" ] && break; sleep 0.1; done
-[ -f "$work/run/hostgauge.pid" ] || { echo "the daemon did not start" >&2; exit 1; }
+start_daemon "$build" "$work/run" "$port" "$agent_port"
 
 # Ten subscriptions that neither tick nor react during the runs.
 for id in $(seq 1 10); do

@@ -19,16 +19,9 @@ cleanup() {
 trap cleanup EXIT
 mkdir -p "$out"
 
-free_port() { python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'; }
+source "$root/bench/daemon.sh"
 port=$(free_port)
-bash "$root/scripts/gen-config.sh" "$work" >/dev/null 2>&1
-sed -i -e "s|^corvane.config.hostspread.port=.*|corvane.config.hostspread.port=$port|" \
-    -e "s|^corvane.config.hostspread.agentport=.*|corvane.config.hostspread.agentport=0|" \
-    -e "s|^corvane.config.hostspread.probepath=.*|corvane.config.hostspread.probepath=$build/hostgauge-vmstat -S|" \
-    "$work/hostspread.properties"
-"$build/hostgauge" "$work" "$(nproc)" 2>"$work/stderr" &
-daemon_pid=$!
-until [ -e "$work/hostgauge.pid" ]; do sleep 0.2; done
+start_daemon "$build" "$work" "$port" 0 "$(nproc)"
 
 # Three balancers, asking for one, two and all three figures.
 python3 - "$port" <<'PY'

@@ -3,6 +3,7 @@
 // ratings stay comparable with those the load balancers already know.
 #include "probe/bogomips.h"
 
+#include <cstdlib>
 #include <limits>
 
 #include "lib/logging.h"
@@ -33,11 +34,24 @@ std::uint64_t timesCapped(std::uint64_t a, std::uint64_t b) {
     return b != 0 && a > U64_MAX / b ? U64_MAX : a * b;
 }
 
+// How long one try must last, in microseconds of processor time: a second unless the
+// environment names a shorter or longer time for tests.
+std::uint64_t tryLength() {
+    if (const char* text = std::getenv(Bogomips::TRY_LENGTH_ENV); text != nullptr) {
+        char* end = nullptr;
+        const unsigned long milliseconds = std::strtoul(text, &end, 10);
+        if (end != text && *end == '\0' && milliseconds > 0 && milliseconds <= 1000000) {
+            return std::uint64_t{milliseconds} * 1000;
+        }
+    }
+    return MICROS_PER_SECOND;
+}
+
 } // namespace
 
 Bogomips::Bogomips(int processors, unsigned int factor, LoopTimer timer, Clock clock)
-    : processors_(processors > 0 ? processors : 1), factor_(factor), timer_(std::move(timer)),
-      clock_(std::move(clock)) {
+    : processors_(processors > 0 ? processors : 1), factor_(factor), tryMicros_(tryLength()),
+      timer_(std::move(timer)), clock_(std::move(clock)) {
     Initialise();
 }
 
@@ -75,8 +89,8 @@ std::chrono::steady_clock::time_point Bogomips::now() const {
 }
 
 int Bogomips::rate(std::uint64_t loops, std::uint64_t ticks, int processors, unsigned int factor) {
-    // Never above loops, since ticks is at least a million; the products after it may
-    // exceed 64 bits only for absurd speeds, and are capped.
+    // Turns per microsecond, then per second; with a try of a second or more never above
+    // loops. The products after it may exceed 64 bits only for absurd speeds, and are capped.
     const std::uint64_t loopsPerSecond = (loops / ticks) * MICROS_PER_SECOND;
     std::uint64_t rating =
         timesCapped(loopsPerSecond / LOOPS_PER_BOGOMIP, static_cast<std::uint64_t>(processors));
@@ -96,7 +110,7 @@ bool Bogomips::calculate() {
     // left the rating at 0. Doubling ends at 0 when the count overflows.
     for (std::uint64_t loops = 2; loops != 0; loops <<= 1) {
         const std::uint64_t ticks = asMicroseconds(timeLoop(loops));
-        if (ticks >= MICROS_PER_SECOND) {
+        if (ticks >= tryMicros_) {
             current_ = rate(loops, ticks, processors_, factor_);
             if (current_ > best_) {
                 best_ = current_;

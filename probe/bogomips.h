@@ -15,6 +15,9 @@ public:
     static constexpr unsigned int FACTOR2 = 100; // percent divisor, largest factor accepted
     // How old the last rating must be before an idle run rates again.
     static constexpr std::chrono::hours RERATE_AFTER{6};
+    // Shortens the processor time a rating try must last (milliseconds, default 1000), so
+    // tests that start the daemon do not wait seconds for its rating; unset in production.
+    static constexpr const char* TRY_LENGTH_ENV = "HOSTGAUGE_RATING_MS";
 
     // Processor time, in clock() units, that the timed loop took for the given loop count.
     using LoopTimer = std::function<std::clock_t(std::uint64_t loops)>;
@@ -50,6 +53,7 @@ private:
     int lowest_ = 0;
     int processors_;
     unsigned int factor_;
+    std::uint64_t tryMicros_;
     LoopTimer timer_;
     Clock clock_;
     std::optional<std::chrono::steady_clock::time_point> lastStart_;

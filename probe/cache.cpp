@@ -33,7 +33,8 @@ void Cache::addToCache(unsigned int idle, unsigned int vmemFree, unsigned int ph
     lastVmemFree_ = vmemFree;
     highestIdle_ = std::max(highestIdle_, idle);
     lastTime_.now();
-    history_.add({std::time(nullptr), idle, vmemFree, physMemFree, swappedIn, swappedOut});
+    history_.add(
+        {std::time_t{lastTime_.Seconds()}, idle, vmemFree, physMemFree, swappedIn, swappedOut});
     LogResultsCached(idle, vmemFree, physMemFree, swappedIn, swappedOut);
 }
 

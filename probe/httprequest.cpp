@@ -10,11 +10,13 @@ namespace {
 
 constexpr std::string_view METHOD = "GET ";
 
-// The first line without its ending, or npos-length view when it has not ended yet.
-std::string_view firstLine(std::string_view text, bool& ended) {
-    const std::size_t end = text.find('\n');
-    ended = end != std::string_view::npos;
-    std::string_view line = text.substr(0, ended ? end : text.size());
+bool lineEnded(std::string_view text) {
+    return text.find('\n') != std::string_view::npos;
+}
+
+// The first line without its ending, or all of the text while that line has not ended.
+std::string_view firstLine(std::string_view text) {
+    std::string_view line = text.substr(0, text.find('\n'));
     if (!line.empty() && line.back() == '\r') {
         line.remove_suffix(1);
     }
@@ -54,9 +56,8 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 } // namespace
 
 HttpRequest::Framing HttpRequest::frame(std::string_view text) {
-    bool ended = false;
-    const std::string_view line = firstLine(text, ended);
-    if (!ended) {
+    const std::string_view line = firstLine(text);
+    if (!lineEnded(text)) {
         // A GET whose first line has not ended may still turn out to be HTTP.
         const bool mayBeHttp = line.size() < METHOD.size()
                                    ? METHOD.starts_with(line) && !line.empty()
@@ -77,8 +78,7 @@ HttpRequest::Framing HttpRequest::frame(std::string_view text) {
 }
 
 HttpRequest::HttpRequest(std::string_view text) {
-    bool ended = false;
-    const std::string_view line = firstLine(text, ended);
+    const std::string_view line = firstLine(text);
     const std::string_view target = line.substr(METHOD.size(), line.rfind(' ') - METHOD.size());
     path_ = target.substr(0, target.find('?'));
     std::size_t at = text.find('\n');
@@ -104,8 +104,4 @@ std::string HttpRequest::response(std::string_view status, std::string_view cont
     text.append("\r\nContent-Length: ").append(std::to_string(body.size()));
     text.append("\r\nCache-Control: no-store\r\nConnection: close\r\n\r\n").append(body);
     return text;
-}
-
-std::string HttpRequest::xmlHead() {
-    return "HTTP/1.0 200 OK\r\nContent-Type: text/xml; charset=utf-8\r\n\r\n";
 }

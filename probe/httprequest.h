@@ -32,7 +32,8 @@ public:
     static std::string response(std::string_view status, std::string_view contentType,
                                 std::string_view body);
     // The status line and headers that go before the raw XML report for a browser.
-    static std::string xmlHead();
+    static constexpr std::string_view XML_HEAD =
+        "HTTP/1.0 200 OK\r\nContent-Type: text/xml; charset=utf-8\r\n\r\n";
 
 private:
     std::string_view path_;

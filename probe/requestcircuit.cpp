@@ -105,7 +105,7 @@ void RequestCircuit::serveHttp() {
     // text/html among what it accepts, gets a status line and headers before the same XML.
     if (text.find(PROTOCOL_MARK) != std::string_view::npos) {
         KyByteBuffer request = request_;
-        DispatchRequest(request, http.acceptsHtml() ? HttpRequest::xmlHead() : std::string());
+        DispatchRequest(request, http.acceptsHtml() ? HttpRequest::XML_HEAD : std::string_view());
         return;
     }
     std::string response;

@@ -31,7 +31,7 @@ for _ in 1 2 3 4 5; do
     port=$((20000 + RANDOM % 40000))
     sed "s|^\(corvane.config.hostspread.port\)=.*|\1=$port|" "$work/template" \
         >"$work/hostspread.properties"
-    "$build/hostgauge" "$work" 1 >/dev/null 2>&1 &
+    HOSTGAUGE_RATING_MS=20 "$build/hostgauge" "$work" 1 >/dev/null 2>&1 &
     daemon=$!
     wait_for "[ -s '$work/run/hostgauge.pid' ] || ! kill -0 $daemon 2>/dev/null" ||
         fail "the daemon did not start"
