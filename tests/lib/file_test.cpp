@@ -122,10 +122,10 @@ TEST_F(TempDir, OpenErrorTextNamesPathFlagsAndMode) {
     EXPECT_EQ(file.LastError().Arguments().AsUtf8(), "\"" + missing + "\", RDONLY, 0");
     EXPECT_EQ(file.ErrorErrno(), ENOENT);
 
-    const std::string odd = Path("a\tb/c");
+    const std::string odd = Path("a\t b/c");
     EXPECT_EQ(file.Open(odd, O_WRONLY | O_CREAT | O_EXCL | O_APPEND, 0640), Failure);
     EXPECT_EQ(file.LastError().Arguments().AsUtf8(),
-              "\"" + Path("a\\x09b/c") + "\", WRONLY | CREAT | EXCL | APPEND, 0640");
+              "\"" + Path("a\\x09 b/c") + "\", WRONLY | CREAT | EXCL | APPEND, 0640");
 
     EXPECT_EQ(KyFile::FlagsText(O_RDWR | O_TRUNC | O_NONBLOCK | O_NOCTTY),
               "RDWR | TRUNC | NONBLOCK | NDELAY | NOCTTY");

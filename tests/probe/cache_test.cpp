@@ -53,13 +53,13 @@ TEST(CacheTest, RoundsHalvesToEven) {
     EXPECT_EQ(low.getAverageOfNIdleValues(2)->getIdle(), 40u);
 
     Cache high(10, 0, 0);
-    high.addToCache(41, 1536, 2560, 1, 2);
-    high.addToCache(42, 1536, 2560, 2, 5);
+    high.addToCache(41, 1536, 2560, 2, 2);
+    high.addToCache(42, 1536, 2560, 3, 5);
     auto packet = high.getAverageOfNIdleValues(2);
     EXPECT_EQ(packet->getIdle(), 42u);
     EXPECT_EQ(packet->getVirtualMemFree(), 2u) << "1.5 Mb";
     EXPECT_EQ(packet->getPhysMemFree(), 2u) << "2.5 Mb";
-    EXPECT_EQ(packet->getSwappedIn(), 2u) << "1.5";
+    EXPECT_EQ(packet->getSwappedIn(), 2u) << "2.5";
     EXPECT_EQ(packet->getSwappedOut(), 4u) << "3.5";
 }
 

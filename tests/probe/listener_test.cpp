@@ -100,14 +100,20 @@ TEST_F(ListenerTest, CircuitsLeaveNothingBehind) {
     ::close(silent);
     EXPECT_TRUE(runUntil([&] { return settled(); })) << "a peer that only closes is cleaned up";
 
-    // Circuits still open when the listener goes are deleted with it.
+    // Circuits still open when the listener goes are deleted with it, and none of its timers
+    // (a deletion waiting for the next pass among them) is left in the loop.
+    const std::size_t timeouts = eventloop.TimeoutCount();
     auto second = std::make_unique<Listener>(eventloop);
     ASSERT_TRUE(second->startListener(0));
-    int pair[2];
+    int pair[2], gone[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, gone), 0);
+    ::close(gone[1]);
     second->startNewConnection(pair[0]);
+    second->startNewConnection(gone[0]);
     EXPECT_EQ(second->liveCircuits(), 1u);
     second.reset();
+    EXPECT_EQ(eventloop.TimeoutCount(), timeouts);
     char byte;
     EXPECT_EQ(::read(pair[1], &byte, 1), 0) << "its connection is closed";
     ::close(pair[1]);

@@ -10,18 +10,18 @@
 
 TEST(StatusPage, ChartPlacesSamplesInTheLastHourOnARoundMemoryScale) {
     SubscriptionWorld world;
-    myCache->addToCache(50, 1000, 1600 * 1024, 0, 0); // 1,600 MiB free
+    myCache->addToCache(50, 1000, 1200 * 1024, 0, 0); // 1,200 MiB free
     const std::time_t sampled = myCache->getHistory().at(0).time;
     const auto has = [](const std::string& page, const std::string& part) {
         return page.find(part) != std::string::npos;
     };
 
     // Half an hour on, the sample sits half-way along the plot (x 70 to 660); idle 50 % is
-    // half its height (y 200 to 14), and 1,600 MiB the top of a scale of four 400 MiB steps.
+    // half its height (y 200 to 14), and 1,200 MiB the top of a scale of four 300 MiB steps.
     std::string page = StatusPage::render(sampled, sampled + 1800);
     EXPECT_TRUE(has(page, "points=\"365,107 \"")) << page;
     EXPECT_TRUE(has(page, "points=\"365,14 \""));
-    EXPECT_TRUE(has(page, "fill=\"#c2410c\">1600</text>"));
+    EXPECT_TRUE(has(page, "fill=\"#c2410c\">1200</text>"));
     EXPECT_TRUE(has(page, "free memory, MiB"));
 
     // From 2 GiB the axis counts in GiB: 3 GiB fits under four steps of 1.
