@@ -3,6 +3,7 @@
 #include "lib/eventloop.h"
 #include "tests/lib/loopcall.h"
 
+#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <gtest/gtest.h>
@@ -192,6 +193,19 @@ TEST_F(ProcessTest, UsersAreLookedUpAndSwitchedToAsRoot) {
     EXPECT_EQ(geteuid(), 0u);
     EXPECT_EQ(getegid(), 0u);
     EXPECT_FALSE(process.UserSwitchFailed());
+
+    // A command started under another user runs as that user, real and effective.
+    const char* argv[] = {"sh", "-c", "echo $(id -ru) $(id -u)", nullptr};
+    KyUnixProcess::ForkParams params;
+    params.ExecCommand(argv);
+    params.WantPipe(true);
+    params.SetUserId(nobody.Uid());
+    ASSERT_EQ(process.Fork(params), Success);
+    std::string ids(64, '\0');
+    ids.resize(std::max<ssize_t>(0, read(params.PipeDescriptor(), ids.data(), ids.size())));
+    EXPECT_EQ(ids, std::to_string(nobody.Uid()) + " " + std::to_string(nobody.Uid()) + "\n");
+    close(params.PipeDescriptor());
+    waitpid(params.ChildPid(), nullptr, 0);
 }
 
 } // namespace
