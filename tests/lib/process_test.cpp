@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <csignal>
+#include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -150,6 +152,24 @@ TEST_F(ProcessTest, CommandThatCannotRunEndsTheChildWith127) {
     close(params.PipeDescriptor());
     EXPECT_EQ(Run(), 0);
     EXPECT_EQ(code, KyUnixProcess::EXIT_EXEC_FAILED);
+}
+
+// Descriptors run out between the two pipes: Fork fails and leaves none of them open.
+TEST_F(ProcessTest, NoRoomForTheErrorPipeClosesTheOutputPipe) {
+    const int lowest = dup(0);
+    close(lowest);
+    rlimit old{};
+    getrlimit(RLIMIT_NOFILE, &old);
+    const rlimit tight{static_cast<rlim_t>(lowest) + 2, old.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    KyUnixProcess::ForkParams params;
+    params.WantPipe(true);
+    params.WantErrorPipe(true);
+    const KyStatus status = process.Fork(params);
+    setrlimit(RLIMIT_NOFILE, &old);
+    EXPECT_EQ(status, Failure);
+    EXPECT_EQ(fcntl(lowest, F_GETFD), -1);
+    EXPECT_EQ(fcntl(lowest + 1, F_GETFD), -1);
 }
 
 TEST_F(ProcessTest, SignalsDispatchInRegistrationOrderOnlyWhileEnabled) {
