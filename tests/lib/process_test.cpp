@@ -156,6 +156,9 @@ TEST_F(ProcessTest, CommandThatCannotRunEndsTheChildWith127) {
 
 // Descriptors run out between the two pipes: Fork fails and leaves none of them open.
 TEST_F(ProcessTest, NoRoomForTheErrorPipeClosesTheOutputPipe) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own to check the failure path";
+#endif
     const int lowest = dup(0);
     close(lowest);
     rlimit old{};
