@@ -100,13 +100,14 @@ TEST(DaemonTest, UnknownFilterEndsStartUpWithCodeFour) {
 // its closing records; these two cover the fork failures and a stop without any warning.
 TEST(DaemonTest, ForkFailuresEndWithCodeElevenAndTheirRecordsLogged) {
 #if defined(__SANITIZE_ADDRESS__)
-    // The sanitizers' runtime opens files of its own (/proc/self/maps) and, with five
+    // The sanitizers' runtime opens files of its own (/proc/self/maps) and, with seven
     // descriptors, reports false errors of its own instead of the daemon's.
-    GTEST_SKIP() << "five descriptors leave the sanitizer runtime none of its own";
+    GTEST_SKIP() << "seven descriptors leave the sanitizer runtime none of its own";
 #endif
     Daemon daemon;
-    // Standard descriptors and the two log files: no room for the tool's pipe.
-    daemon.limitDescriptors(5);
+    // Standard descriptors, the loop's wake-up pipe and the two log files: no room for the
+    // tool's pipe.
+    daemon.limitDescriptors(7);
     daemon.start();
     // Each failed attempt sleeps 30 s; a signal cuts the sleep short once it is caught.
     ASSERT_TRUE(waitFor([&] { return catchesSighup(daemon.pid()); }, kStartDeadline));

@@ -41,10 +41,10 @@ TEST(TimeVal, NormalisesAndCarries) {
     EXPECT_EQ(t.Microseconds(), 500000u);
 
     KyTimeVal sum(1, 700000);
-    sum += KyTimeVal(2, 400000);
-    EXPECT_EQ(sum, KyTimeVal(4, 100000));
+    sum += KyTimeVal(2, 300000); // a carry of exactly one second
+    EXPECT_EQ(sum, KyTimeVal(4, 0));
     sum += 10u;
-    EXPECT_EQ(sum, KyTimeVal(14, 100000));
+    EXPECT_EQ(sum, KyTimeVal(14, 0));
 
     KyTimeVal difference(4, 100000);
     difference -= KyTimeVal(1, 700000);

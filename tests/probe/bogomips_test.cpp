@@ -45,6 +45,10 @@ TEST(BogomipsTest, FactorAboveHundredIsUsedOnceThenCapped) {
     EXPECT_EQ(rating.getCurrentBogo(), 1280) << "1600 * 80 / 100 afterwards";
     EXPECT_EQ(rating.getBestBogo(), 2400);
     EXPECT_EQ(rating.getLowestBogo(), 1280);
+
+    Bogomips hundred(2, 100, speed(loopsPerMicro));
+    ASSERT_TRUE(hundred.calculate());
+    EXPECT_EQ(hundred.getCurrentBogo(), 1600) << "100 itself is kept";
 }
 
 TEST(BogomipsTest, BestOnlyGrowsAndLowestOnlyFalls) {
