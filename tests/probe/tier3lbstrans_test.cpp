@@ -70,6 +70,8 @@ const RequestCase kCases[] = {
     {"<cvnlbreq command=KILL><id>7</><port>9</port></cvnlbreq>",
      LBS_KILL,
      {{"id", "7"}, {"port", "9"}}},
+    // Only '<', ' ' and '>' steer the scan: a name that starts the text needs no '<'.
+    {"cvnlbreq command=KILL><id>7</id></cvnlbreq>", LBS_KILL, {{"id", "7"}}},
     {"", LBS_UNKNOWN, {}},
     {"<<<<>>>></></>", LBS_UNKNOWN, {}},
 };
