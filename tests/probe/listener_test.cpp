@@ -76,6 +76,7 @@ protected:
 TEST_F(ListenerTest, CircuitsLeaveNothingBehind) {
     const int silent = connectClient();
     ASSERT_TRUE(runUntil([&] { return listener_.liveCircuits() == 1; }));
+    EXPECT_TRUE(listener_.accepting()) << "no client left waiting is no reason to pause";
     ::close(silent);
     EXPECT_TRUE(runUntil([&] { return settled(); })) << "a peer that only closes is cleaned up";
 
