@@ -23,6 +23,7 @@ TEST(StatusPage, ChartPlacesSamplesInTheLastHourOnARoundMemoryScale) {
     EXPECT_TRUE(has(page, "points=\"365,14 \""));
     EXPECT_TRUE(has(page, "fill=\"#c2410c\">1200</text>"));
     EXPECT_TRUE(has(page, "free memory, MiB"));
+    EXPECT_TRUE(has(page, "y1=\"14\" y2=\"204\"")) << "time ticks cross the bottom edge";
 
     // From 2 GiB the axis counts in GiB: 3 GiB fits under four steps of 1.
     myCache->addToCache(50, 1000, 3 * 1024 * 1024, 0, 0);
