@@ -46,6 +46,9 @@ TEST(BogomipsTest, BestOnlyGrowsLowestOnlyFallsAndAFactorAboveHundredIsUsedOnce)
     EXPECT_EQ(rating.getCurrentBogo(), 1280) << "1600 * 80 / 100 afterwards";
     EXPECT_EQ(rating.getBestBogo(), 2400);
     EXPECT_EQ(rating.getLowestBogo(), 1280);
+    Bogomips hundred(2, 100, speed(loopsPerMicro));
+    ASSERT_TRUE(hundred.calculate());
+    EXPECT_EQ(hundred.getCurrentBogo(), 1600) << "100 itself is kept";
     loopsPerMicro = 1000;
     ASSERT_TRUE(rating.calculate());
     EXPECT_EQ(rating.getBestBogo(), 3200);
