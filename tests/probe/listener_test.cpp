@@ -21,15 +21,23 @@
 
 namespace {
 
+unsigned short portOf(const Listener& listener) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    ::getsockname(listener.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
+bool runUntil(const std::function<bool()>& done) {
+    return RunUntil(eventloop, done);
+}
+
 // A listener on a kernel-chosen loopback port, served by the probe's loop.
 class ListenerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(listener_.startListener(0));
-        sockaddr_in address{};
-        socklen_t length = sizeof address;
-        ::getsockname(listener_.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
-        port_ = ntohs(address.sin_port);
+        port_ = portOf(listener_);
     }
 
     int connectClient() {
@@ -40,35 +48,6 @@ protected:
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         EXPECT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         return fd;
-    }
-
-    // Runs the loop until `done` holds (checked every 5 ms) or two seconds have passed.
-    static bool runUntil(const std::function<bool()>& done) {
-        bool met = false;
-        const KyTimeVal limit = KyTimeVal() + KyTimeVal(2, 0);
-        KyTimeVal next;
-        Call<> guard([&](int reason) {
-            if (reason == KyEvent::Fired) {
-                eventloop.ExitEventLoop(0);
-            }
-        });
-        Call<> check([&](int reason) {
-            if (reason != KyEvent::Fired) {
-                return;
-            }
-            if ((met = done())) {
-                eventloop.ExitEventLoop(0);
-                return;
-            }
-            next = KyTimeVal() + KyTimeVal(0, 5000);
-            eventloop.AddTimeoutEvent(next, &check);
-        });
-        eventloop.AddTimeoutEvent(limit, &guard);
-        eventloop.AddTimeoutEvent(next, &check);
-        eventloop.EnterEventLoop();
-        eventloop.RemoveTimeoutEvent(limit, &guard);
-        eventloop.RemoveTimeoutEvent(next, &check);
-        return met;
     }
 
     // Collects what has arrived without blocking; true once anything came or the peer closed.
@@ -136,13 +115,7 @@ TEST_F(ListenerTest, ABurstIsAnsweredInSlicesWithTheLoopsTimersBetween) {
         }
         return count;
     };
-    Call<> timer([&](int reason) {
-        if (reason == KyEvent::Fired) {
-            eventloop.ExitEventLoop(0);
-        }
-    });
-    eventloop.AddTimeoutEvent(KyTimeVal(), &timer);
-    eventloop.EnterEventLoop();
+    RunGuarded(eventloop, 0); // one pass, ended by a timer due at once
     const std::size_t first = answered();
     EXPECT_GT(first, 0u);
     EXPECT_LT(first, clients.size()) << "the timer waited for the whole burst";
@@ -161,10 +134,7 @@ TEST_F(ListenerTest, AStalledLoopDoesNotCloseAConnectionWhoseRequestWaitsUnread)
     Listener patient(eventloop);
     ::unsetenv(Listener::IDLE_LIMIT_ENV);
     ASSERT_TRUE(patient.startListener(0));
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    ::getsockname(patient.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    port_ = portOf(patient);
     const int client = connectClient();
     ASSERT_TRUE(runUntil([&] { return patient.liveCircuits() == 1; }));
 

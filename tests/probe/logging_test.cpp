@@ -19,7 +19,6 @@ std::string Named(LogTempDir const& dir, std::string const& extension) {
 TEST(ProbeLogging, DefaultFilterRoutesByLevel) {
     LogTempDir dir;
     Logging logging(KyUniString(dir.Path()), Bootstrap::DEFAULT_LOGFILTER);
-    EXPECT_TRUE(logging.isInitialised());
     LogStarted();
     EXPECT_TRUE(std::filesystem::is_empty(Named(dir, ".jsl"))) << "made at start-up";
     testing::internal::CaptureStderr();
@@ -29,10 +28,8 @@ TEST(ProbeLogging, DefaultFilterRoutesByLevel) {
     KyLog::Flush();
     const std::string console = testing::internal::GetCapturedStderr();
 
-    const auto plain = ParseRecords(ReadWhole(Named(dir, ".log")));
-    ASSERT_EQ(plain.size(), 4u);
-    EXPECT_EQ(plain[1].category, "hostgauge/listener/info");
-    EXPECT_EQ(plain[3].category, "hostgauge/listener/fatalerror");
+    EXPECT_EQ(ParseRecords(ReadWhole(Named(dir, ".log"))).size(), 4u)
+        << "every level reaches the plain file";
     const std::string jsl = ReadWhole(Named(dir, ".jsl"));
     EXPECT_EQ(jsl.find("10.0.0.1"), std::string::npos);
     EXPECT_NE(jsl.find("category=hostgauge/child/error,"), std::string::npos);
