@@ -19,10 +19,6 @@
 
 namespace {
 
-std::string Utf8(const KyUniString& text) {
-    return text.AsUtf8();
-}
-
 KyInetAddr Loopback(unsigned port = 0) {
     KyInetAddr address = KyInetAddr::AddressLoopback();
     address.Port(port);
@@ -52,20 +48,14 @@ bool LocalhostResolves() {
 const char* const kNoLocalhost = "\"localhost\" does not resolve on this machine (no entry in "
                                  "/etc/hosts); the look-up of a local name cannot be tested here";
 
-TEST(KyInetAddr, TextFormsAndConstructorsAgree) {
+TEST(KyInetAddr, TextFormsAndTheirSerialisedForm) {
     KyInetAddr any;
     any.Port(3144);
-    EXPECT_EQ(Utf8(any.AsString(true)), "*:3144");
-    EXPECT_EQ(Utf8(any.AsString(false)), "*");
-
-    const KyInetAddr bytes(10, 1, 2, 3);
-    EXPECT_EQ(Utf8(bytes.AsString()), "10.1.2.3");
-    EXPECT_EQ(bytes.AsUint32(), 0x0A010203u);
-    in_addr raw = bytes.GetAddress();
-    EXPECT_TRUE(KyInetAddr(&raw) == bytes);
-    EXPECT_TRUE(KyInetAddr(0x0A010203u) == bytes);
+    EXPECT_EQ(any.AsString(true).AsUtf8(), "*:3144");
+    EXPECT_EQ(any.AsString(false).AsUtf8(), "*");
+    EXPECT_EQ(KyInetAddr(10, 1, 2, 3).AsString().AsUtf8(), "10.1.2.3");
     sockaddr_in full = Loopback(80).SockAddrIn();
-    EXPECT_EQ(Utf8(KyInetAddr(&full).AsString(true)), "127.0.0.1:80");
+    EXPECT_EQ(KyInetAddr(&full).AsString(true).AsUtf8(), "127.0.0.1:80");
     EXPECT_TRUE(KyInetAddr(&full).IsAddressEqual(Loopback(81)));
     EXPECT_FALSE(KyInetAddr(&full) == Loopback(81));
 
@@ -98,21 +88,16 @@ TEST(KyInetAddr, FromStringAcceptsOnlyWholeDottedForms) {
         KyInetAddr address(9, 9, 9, 9);
         EXPECT_EQ(address.FromString(c.text, c.allowPort) == Success, c.ok);
         if (c.ok)
-            EXPECT_EQ(Utf8(address.AsString(true)), c.shown);
+            EXPECT_EQ(address.AsString(true).AsUtf8(), c.shown);
         else
-            EXPECT_EQ(Utf8(address.AsString()), "9.9.9.9");
+            EXPECT_EQ(address.AsString().AsUtf8(), "9.9.9.9");
     }
-}
-
-TEST(KyInetAddr, PortOutOfRangeClearsPortAndRecordsBounds) {
+    // A port out of range is refused and leaves port 0 with the reason recorded.
     KyInetAddr address;
     EXPECT_TRUE(address.Port(65535));
-    EXPECT_EQ(address.GetPort(), 65535u);
-    EXPECT_EQ(address.LastError(), nullptr);
     EXPECT_FALSE(address.Port(70000));
     EXPECT_EQ(address.GetPort(), 0u);
     EXPECT_NE(address.LastError(), nullptr);
-    EXPECT_TRUE(address.Port(0));
 }
 
 TEST(KySocket, StreamConnectAcceptAndAddresses) {
@@ -121,44 +106,33 @@ TEST(KySocket, StreamConnectAcceptAndAddresses) {
     ASSERT_NE(port, 0u);
     ASSERT_TRUE(listener.Listen(5));
 
+    // The peer's address comes with the accept, and both sides agree on it.
     KySocket client;
     ASSERT_TRUE(client.Connect(Loopback(port)));
     KySocket server;
-    ASSERT_TRUE(server.AcceptFrom(listener.FileDescriptor()));
-
-    KyInetAddr clientSide, peerOfServer, serverSide;
+    KyInetAddr fromAccept, clientSide, peerOfServer, serverSide;
+    ASSERT_TRUE(server.AcceptFrom(listener.FileDescriptor(), 0, &fromAccept));
     ASSERT_TRUE(client.LocalAddress(clientSide));
     ASSERT_TRUE(server.RemoteAddress(peerOfServer));
     ASSERT_TRUE(server.LocalAddress(serverSide));
-    EXPECT_TRUE(clientSide == peerOfServer);
+    EXPECT_TRUE(fromAccept == clientSide);
+    EXPECT_TRUE(peerOfServer == clientSide);
     EXPECT_TRUE(serverSide == Loopback(port));
-
-    // The address can come with the accept itself.
-    KySocket second;
-    ASSERT_TRUE(second.Connect(Loopback(port)));
-    KyInetAddr fromAccept;
-    KySocket secondServer;
-    ASSERT_TRUE(secondServer.AcceptFrom(listener.FileDescriptor(), 0, &fromAccept));
-    KyInetAddr secondSide;
-    ASSERT_TRUE(second.LocalAddress(secondSide));
-    EXPECT_TRUE(fromAccept == secondSide);
 
     // No connection pending on a non-blocking listener.
     ASSERT_TRUE(listener.SetBlocking(false));
     KySocket none;
     EXPECT_FALSE(none.AcceptFrom(listener.FileDescriptor()));
     EXPECT_EQ(none.ErrorErrno(), EAGAIN);
-
-    KySocket unconnected;
-    KyInetAddr ignored;
-    EXPECT_FALSE(unconnected.RemoteAddress(ignored));
-    EXPECT_EQ(Utf8(unconnected.LastError().Function()), "getpeername");
+    EXPECT_FALSE(none.RemoteAddress(peerOfServer));
+    EXPECT_EQ(none.LastError().Function(), "getpeername");
 }
 
-TEST(KySocket, BindWithoutRetriesFailsAtOnceAndSilently) {
-    KySocket holder;
-    const unsigned port = BindLoopback(holder, KySocket::Stream);
-
+// Without retries a taken port fails at once and silently; with retries the bind waits
+// until the holder lets go, saying so on standard error.
+TEST(KySocket, BindRetriesOnlyWhenAskedAfterAddressInUse) {
+    auto holder = std::make_unique<KySocket>();
+    const unsigned port = BindLoopback(*holder, KySocket::Stream);
     KySocket second;
     testing::internal::CaptureStderr();
     const auto start = std::chrono::steady_clock::now();
@@ -166,21 +140,17 @@ TEST(KySocket, BindWithoutRetriesFailsAtOnceAndSilently) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(second.ErrorErrno(), EADDRINUSE);
-    EXPECT_EQ(Utf8(second.LastError().Function()), "bind");
-    EXPECT_EQ(Utf8(second.LastError().Arguments()),
-              std::to_string(second.FileDescriptor()) + ",127.0.0.1:" + std::to_string(port));
-}
+    EXPECT_EQ(
+        second.LastError().Arguments(),
+        (std::to_string(second.FileDescriptor()) + ",127.0.0.1:" + std::to_string(port)).c_str());
 
-TEST(KySocket, BindRetriesAfterAddressInUseAndReportsOnStandardError) {
-    auto holder = std::make_unique<KySocket>();
-    const unsigned port = BindLoopback(*holder, KySocket::Stream);
     std::thread release([&holder] {
         std::this_thread::sleep_for(std::chrono::milliseconds(300));
         holder.reset();
     });
-    KySocket second;
+    KySocket third;
     testing::internal::CaptureStderr();
-    const bool bound = second.Bind(Loopback(port), KySocket::Stream, false, 3, true);
+    const bool bound = third.Bind(Loopback(port), KySocket::Stream, false, 3, true);
     const std::string notice = testing::internal::GetCapturedStderr();
     release.join();
     EXPECT_TRUE(bound);
@@ -196,43 +166,35 @@ TEST(KySocket, DatagramsReportTheirIOResults) {
     long count = 0;
     EXPECT_EQ(sender.WriteMessage("load", 4, count, Loopback(port)), ioComplete);
     char got[16];
-    KyInetAddr from;
+    KyInetAddr from, senderSide;
     EXPECT_EQ(receiver.ReadMessage(got, sizeof got, count, from), ioPartial);
-    EXPECT_EQ(count, 4);
-    EXPECT_EQ(std::string(got, 4), "load");
-    KyInetAddr senderSide;
+    EXPECT_EQ(std::string(got, count), "load");
     sender.LocalAddress(senderSide);
     EXPECT_TRUE(from == senderSide);
-
     EXPECT_EQ(sender.WriteMessage("", 0, count, Loopback(port)), ioEndOfFile);
 
     KySocket closed;
     EXPECT_EQ(closed.WriteMessage("x", 1, count, Loopback(9)), ioError);
-    EXPECT_EQ(Utf8(closed.LastError().Function()), "sendto");
+    EXPECT_EQ(closed.LastError().Function(), "sendto");
 }
 
 TEST(KySocket, OptionFailuresSpellTheCallAndTypeOfServiceIsSetOnlyOnRequest) {
     KySocket none;
     EXPECT_FALSE(none.SetReuseAddress(true));
-    EXPECT_EQ(Utf8(none.LastError().Function()), "setsockopt");
-    EXPECT_EQ(Utf8(none.LastError().Arguments()),
-              "-1,SOL_SOCKET(1),SO_REUSEADDR(2),(char*)(int 1),4");
-
+    EXPECT_EQ(none.LastError().Arguments(), "-1,SOL_SOCKET(1),SO_REUSEADDR(2),(char*)(int 1),4");
     unsetenv("VTL_SET_IP_TOS");
     EXPECT_TRUE(none.SetTypeOfService(KySocket::ServiceThroughput));
     setenv("VTL_SET_IP_TOS", "", 1);
-    EXPECT_TRUE(none.SetTypeOfService(KySocket::ServiceNone));
     EXPECT_FALSE(none.SetTypeOfService(KySocket::ServiceThroughput));
-    EXPECT_EQ(Utf8(none.LastError().Arguments()), "-1,IPPROTO_IP(0),IP_TOS(1),(char*)(int 8),4");
     unsetenv("VTL_SET_IP_TOS");
 }
 
 TEST(KyDNS, DottedDecimalAndLocalNamesResolveWithoutTheNetwork) {
     KyDList<KyInetAddr> list;
-    list.Insert(KyInetAddr(1, 1, 1, 1));
+    list.Insert(KyInetAddr(1, 1, 1, 1)); // replaced by the answer
     EXPECT_EQ(KyDNS::GetAddressList("10.1.2.3", list), KyDNS::Ok);
     ASSERT_EQ(list.Length(), 1u);
-    EXPECT_EQ(Utf8(list[0].AsString()), "10.1.2.3");
+    EXPECT_EQ(list[0].AsString(), "10.1.2.3");
 
     const int missing = KyDNS::GetAddressList("no-such-host.invalid", list);
     EXPECT_TRUE(missing == KyDNS::HostNotFound || missing == KyDNS::TryAgain) << missing;
@@ -254,17 +216,16 @@ TEST(KyDNSCache, StoresNegativeEntriesAndExpiresEvery200thLookup) {
     const std::unique_ptr<KyDNSCache, void (*)(KyDNSCache*)> installed(
         &cache, [](KyDNSCache*) { KyDNS::SetCache(nullptr); });
     KyDList<KyInetAddr> list;
+    // The second look-up is answered from the negative entry with the same code; absolute
+    // names are asked for, and cached, with their trailing dot; dotted decimal bypasses it.
     const int missing = KyDNS::GetAddressList("cache-test.invalid", list);
-    // The second look-up is answered from the negative entry with the same code.
     EXPECT_EQ(KyDNS::GetAddressList("cache-test.invalid", list), missing);
-    // Absolute names are asked for, and cached, with their trailing dot.
     KyDNS::GetAddressList("absolute.invalid", list, true);
     EXPECT_NE(cache.FindByName("absolute.invalid."), nullptr);
     EXPECT_EQ(KyDNS::GetAddressList("10.0.0.1", list), KyDNS::Ok);
-    EXPECT_EQ(cache.Lookups(), 3u) << "dotted decimal bypasses the cache";
+    EXPECT_EQ(cache.Lookups(), 3u);
 
-    // Both negative entries stay until the 200th look-up empties the cache before it asks,
-    // so only its own name is back.
+    // Both negative entries stay until the 200th look-up empties the cache before it asks.
     while (cache.Lookups() < 199)
         KyDNS::GetAddressList("cache-test.invalid", list);
     EXPECT_EQ(cache.NameCount(), 2u);
@@ -275,7 +236,6 @@ TEST(KyDNSCache, StoresNegativeEntriesAndExpiresEvery200thLookup) {
     if (!LocalhostResolves())
         GTEST_SKIP() << kNoLocalhost;
     ASSERT_EQ(KyDNS::GetAddressList("localhost", list), KyDNS::Ok);
-    ASSERT_NE(cache.FindByName("localhost"), nullptr);
     EXPECT_NE(cache.FindByAddress(list[0]), nullptr);
 }
 
