@@ -1,6 +1,6 @@
-// The log framework with real files: how filter terms become destinations, how
-// messages are routed to them, the two record formats, and what happens to the files
-// on reopen and after a fork.
+// The log framework with real files: how filter terms and their wildcards become
+// destinations, how messages are routed to them, the two record formats, and what happens to the
+// files on reopen and after a fork.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "lib/logging.h"
+#include "lib/match.h"
 #include "tests/lib/logtemp.h"
 
 namespace {
@@ -44,6 +45,36 @@ std::uint32_t SysTimeNow() {
     timeval now;
     gettimeofday(&now, nullptr);
     return std::uint32_t(now.tv_sec) * 100000u + std::uint32_t(now.tv_usec) / 10u;
+}
+
+// The patterns of filter terms.
+TEST(WildcardMatch, StarsQuestionMarksAndCase) {
+    struct Case {
+        const char* pattern;
+        const char* text;
+        bool caseless;
+        bool matches;
+    };
+    const Case cases[] = {
+        {"*", "", false, true},
+        {"", "a", false, false},
+        {"*error", "fatalerror", false, true},
+        {"*error", "errors", false, false},
+        {"?nfo", "info", false, true},
+        {"?nfo", "nfo", false, false},
+        {"a*b*c", "axxbyy", false, false},
+        {"*a*a*a*b", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", false, false},
+        {".../*", ".../x/sink", false, true},
+        {".../*", "../x", false, false},
+        {"*.jsl", "A.JSL", false, false},
+        {"HOSTGAUGE", "hostgauge", true, true},
+        {"hostgauge", "hostgaug", true, false},
+    };
+    for (Case const& c : cases) {
+        EXPECT_EQ(KyWildcardMatch(KyUniString(c.pattern), KyUniString(c.text), c.caseless),
+                  c.matches)
+            << c.pattern << " vs " << c.text;
+    }
 }
 
 TEST(LogFilters, TermsChooseDestinationsAndMessagesFollowTheirCategories) {
@@ -132,9 +163,13 @@ TEST(LogRecords, PlainAndStructuredFormats) {
     EXPECT_EQ(std::count(structured.begin(), structured.end(), '\n'), 2);
 }
 
+// An empty directory means the current one.
 TEST(LogFiles, CreatedAtSetUpOwnerOnlyAndCloseOnExec) {
     LogTempDir dir;
-    UseFilters(dir.Path(), {"*/*/*:r.log", "*/*/fatal*:idle.jsl"});
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(dir.Path());
+    UseFilters("", {"*/*/*:r.log", "*/*/fatal*:idle.jsl"});
+    std::filesystem::current_path(previous);
     EXPECT_TRUE(std::filesystem::is_empty(dir / "idle.jsl")) << "made at set-up, unused";
     KyLog::JserverLog(0, "a record");
     struct stat info {};
@@ -149,6 +184,7 @@ TEST(LogFiles, CreatedAtSetUpOwnerOnlyAndCloseOnExec) {
     }
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    UseFilters(dir.Path(), {});
 }
 
 // A daemon forks its load tool every run. A child that logs nothing leaves no files; a child
@@ -246,17 +282,6 @@ TEST(LogBuffers, RecordsWaitForAFlushPointAndAreWrittenWholeAndInOrder) {
     const auto recreated = ParseRecords(ReadWhole(dir / "b.log"));
     ASSERT_EQ(recreated.size(), 1u);
     EXPECT_EQ(recreated[0].text, "after the move");
-}
-
-TEST(LogFiles, EmptyDirectoryMeansTheCurrentOne) {
-    LogTempDir dir;
-    const auto previous = std::filesystem::current_path();
-    std::filesystem::current_path(dir.Path());
-    UseFilters("", {"*/*/*:here.log"});
-    KyLog::JserverLog(0, "here");
-    std::filesystem::current_path(previous);
-    EXPECT_TRUE(std::filesystem::exists(dir / "here.log"));
-    UseFilters(dir.Path(), {});
 }
 
 } // namespace

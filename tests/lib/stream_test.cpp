@@ -1,6 +1,6 @@
-// KyOSStream's storage: texts handed out stay as they were while the stream goes on,
-// growth across many appends keeps every unit, and narrow text that is not ASCII
-// still arrives decoded when it follows plain text.
+// KyOSStream, which every log message goes through: numbers, scalars, times and UTF-8
+// appended, texts handed out stay as they were while the stream goes on, and growth
+// across many appends keeps every unit.
 #include "lib/stream.h"
 
 #include <string>
@@ -8,6 +8,21 @@
 #include <gtest/gtest.h>
 
 namespace {
+
+TEST(OSStream, BuildsTextFromStringsNumbersAndTimes) {
+    KyOSStream text;
+    text << "n=" << -42 << " u=" << 4294967295u << " s=" << KyScalar<int>(-7) << " "
+         << KyScalar<unsigned>(0) << " " << KyUniString("d\xc3\xa9j\xc3\xa0") << " "
+         << std::string_view("caf\xc3\xa9") << (const char*)nullptr;
+    EXPECT_TRUE(text.Str() == "n=-42 u=4294967295 s=-7 0 d\xc3\xa9j\xc3\xa0 caf\xc3\xa9");
+
+    KyOSStream when;
+    when << KyTimeVal(1000000000, 47999);
+    const std::string shown = when.Str().AsUtf8();
+    ASSERT_EQ(shown.size(), 23u) << shown;
+    EXPECT_EQ(shown.substr(19), ".047");
+    EXPECT_EQ(KyTimeFormat().Format(KyTimeVal(1000000001, 0)).substr(17), "41.000");
+}
 
 TEST(OSStream, HandedOutTextNeverChanges) {
     KyOSStream stream;
