@@ -15,23 +15,21 @@
 
 namespace {
 
+// Sets TZ, or unsets it for nullptr, for one scope.
 class ZoneGuard {
 public:
-    explicit ZoneGuard(const char* zone) {
-        const char* old = std::getenv("TZ");
-        had_ = old != nullptr;
-        if (had_)
-            old_ = old;
+    explicit ZoneGuard(const char* zone) : had_(std::getenv("TZ") != nullptr) {
+        old_ = had_ ? std::getenv("TZ") : "";
+        Set(zone);
+    }
+    ~ZoneGuard() { Set(had_ ? old_.c_str() : nullptr); }
+
+private:
+    static void Set(const char* zone) {
         zone != nullptr ? setenv("TZ", zone, 1) : unsetenv("TZ");
         tzset();
     }
-    ~ZoneGuard() {
-        had_ ? setenv("TZ", old_.c_str(), 1) : unsetenv("TZ");
-        tzset();
-    }
-
-private:
-    bool had_ = false;
+    bool had_;
     std::string old_;
 };
 
@@ -39,22 +37,14 @@ TEST(TimeVal, NormalisesAndCarries) {
     const KyTimeVal t(5, 2500000);
     EXPECT_EQ(t.Seconds(), 7u);
     EXPECT_EQ(t.Microseconds(), 500000u);
-
-    KyTimeVal sum(1, 700000);
-    sum += KyTimeVal(2, 400000);
-    EXPECT_EQ(sum, KyTimeVal(4, 100000));
-    sum += 10u;
-    EXPECT_EQ(sum, KyTimeVal(14, 100000));
-
-    KyTimeVal difference(4, 100000);
-    difference -= KyTimeVal(1, 700000);
-    EXPECT_EQ(difference, KyTimeVal(2, 400000));
-
-    timeval tv{3, 1999999};
+    KyTimeVal sum(1, 600000);
+    sum += KyTimeVal(2, 400000); // a carry of exactly one second
+    EXPECT_EQ(sum, KyTimeVal(4, 0));
+    sum -= KyTimeVal(1, 700000);
+    EXPECT_EQ(sum, KyTimeVal(2, 300000));
     KyTimeVal fromTv;
-    fromTv = tv;
+    fromTv = timeval{3, 1999999};
     EXPECT_EQ(fromTv, KyTimeVal(4, 999999));
-    EXPECT_EQ(fromTv.Time().tv_usec, 999999);
     EXPECT_GT(KyTimeVal().Seconds(), 1600000000u) << "default construction reads the clock";
 }
 
