@@ -7,8 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <functional>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -32,18 +34,13 @@ public:
             taken.push_back(TakeIncoming());
             received += std::string(taken.back().AsStringView());
         }
-        if (onData)
-            onData();
-        if (anyAmount)
-            ReadUpTo(chunk);
-        else
-            ReadMore(chunk);
+        onData();
+        anyAmount ? ReadUpTo(chunk) : ReadMore(chunk);
     }
     void EndOfFile(bool inMiddle) override {
         endOfFile.push_back(inMiddle);
         KyByteCircuit::EndOfFile(inMiddle);
-        if (onEnd)
-            onEnd();
+        onEnd();
     }
     void WriteError() override {
         ++writeErrors;
@@ -66,8 +63,8 @@ public:
     std::vector<int> descriptors;
     int stopped = 0;
     int writeErrors = 0;
-    std::function<void()> onData;
-    std::function<void()> onEnd;
+    std::function<void()> onData = [] {};
+    std::function<void()> onEnd = [] {};
 };
 
 class ByteCircuitTest : public ::testing::Test {
@@ -112,12 +109,9 @@ TEST_F(ByteCircuitTest, PartialWriteStaysQueuedAndWriteMoreHearsEveryCount) {
     reader.WantRead();
     EXPECT_EQ(Run(), 0);
     EXPECT_TRUE(reader.received == payload);
-    unsigned total = 0;
-    for (unsigned count : writer.writeCounts) {
-        EXPECT_GT(count, 0u);
-        total += count;
-    }
-    EXPECT_EQ(total, payload.size());
+    const std::vector<unsigned>& counts = writer.writeCounts;
+    EXPECT_EQ(std::accumulate(counts.begin(), counts.end(), 0u), payload.size());
+    EXPECT_EQ(std::count(counts.begin(), counts.end(), 0u), 0);
     EXPECT_GT(writer.writeCounts.size(), 2u);
     EXPECT_EQ(writer.QueueLength(), 0u);
     EXPECT_FALSE(writer.WriteRegistered());

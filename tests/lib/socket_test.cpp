@@ -1,6 +1,6 @@
 // Addresses, sockets and name look-up against the real kernel: TCP and UDP on 127.0.0.1
-// with ports chosen by the system, error texts as they are recorded, the bind retry rule,
-// and look-ups limited to localhost, dotted decimal and the reserved .invalid domain.
+// with ports chosen by the system, error texts as they are recorded, and look-ups limited to
+// localhost, dotted decimal and the reserved .invalid domain.
 #include <gtest/gtest.h>
 
 #include <netdb.h>
@@ -8,9 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
-#include <memory>
 #include <string>
-#include <thread>
 
 #include "lib/dns.h"
 #include "lib/dnscache.h"
@@ -92,40 +90,31 @@ TEST(KyInetAddr, FromStringAcceptsOnlyWholeDottedForms) {
     EXPECT_NE(address.LastError(), nullptr);
 }
 
+// The peer's address comes with the accept; with nothing pending a non-blocking
+// listener says EAGAIN.
 TEST(KySocket, StreamConnectAcceptAndAddresses) {
     KySocket listener;
     const unsigned port = BindLoopback(listener, KySocket::Stream);
-    ASSERT_NE(port, 0u);
     ASSERT_TRUE(listener.Listen(5));
-
-    // The peer's address comes with the accept, and both sides agree on it.
-    KySocket client;
+    KySocket client, server;
     ASSERT_TRUE(client.Connect(Loopback(port)));
-    KySocket server;
-    KyInetAddr fromAccept, clientSide, peerOfServer, serverSide;
+    KyInetAddr fromAccept, clientSide;
     ASSERT_TRUE(server.AcceptFrom(listener.FileDescriptor(), 0, &fromAccept));
     ASSERT_TRUE(client.LocalAddress(clientSide));
-    ASSERT_TRUE(server.RemoteAddress(peerOfServer));
-    ASSERT_TRUE(server.LocalAddress(serverSide));
     EXPECT_TRUE(fromAccept == clientSide);
-    EXPECT_TRUE(peerOfServer == clientSide);
-    EXPECT_TRUE(serverSide == Loopback(port));
+    EXPECT_NE(clientSide.GetPort(), port);
 
-    // No connection pending on a non-blocking listener.
     ASSERT_TRUE(listener.SetBlocking(false));
     KySocket none;
     EXPECT_FALSE(none.AcceptFrom(listener.FileDescriptor()));
     EXPECT_EQ(none.ErrorErrno(), EAGAIN);
-    EXPECT_FALSE(none.RemoteAddress(peerOfServer));
-    EXPECT_EQ(none.LastError().Function(), "getpeername");
 }
 
-// Without retries a taken port fails at once and silently; with retries the bind waits
-// until the holder lets go, saying so on standard error.
-TEST(KySocket, BindRetriesOnlyWhenAskedAfterAddressInUse) {
-    auto holder = std::make_unique<KySocket>();
-    const unsigned port = BindLoopback(*holder, KySocket::Stream);
-    KySocket second;
+// The daemon binds without retries: a taken port fails at once, silently, with the call
+// spelt out.
+TEST(KySocket, BindWithoutRetriesFailsAtOnceAndSilently) {
+    KySocket holder, second;
+    const unsigned port = BindLoopback(holder, KySocket::Stream);
     testing::internal::CaptureStderr();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(second.Bind(Loopback(port), KySocket::Stream, true, 0, true));
@@ -135,36 +124,19 @@ TEST(KySocket, BindRetriesOnlyWhenAskedAfterAddressInUse) {
     EXPECT_EQ(
         second.LastError().Arguments(),
         (std::to_string(second.FileDescriptor()) + ",127.0.0.1:" + std::to_string(port)).c_str());
-
-    std::thread release([&holder] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        holder.reset();
-    });
-    KySocket third;
-    testing::internal::CaptureStderr();
-    const bool bound = third.Bind(Loopback(port), KySocket::Stream, false, 3, true);
-    const std::string notice = testing::internal::GetCapturedStderr();
-    release.join();
-    EXPECT_TRUE(bound);
-    EXPECT_EQ(notice, "A socket is still in use, attempting 3 retries...\n");
 }
 
 // A socket never opened fails each call with the call spelt out.
 TEST(KySocket, DatagramsReportTheirIOResults) {
-    KySocket receiver;
+    KySocket receiver, sender;
     const unsigned port = BindLoopback(receiver, KySocket::Datagram);
-    KySocket sender;
     BindLoopback(sender, KySocket::Datagram);
-
     long count = 0;
     EXPECT_EQ(sender.WriteMessage("load", 4, count, Loopback(port)), ioComplete);
     char got[16];
-    KyInetAddr from, senderSide;
+    KyInetAddr from;
     EXPECT_EQ(receiver.ReadMessage(got, sizeof got, count, from), ioPartial);
     EXPECT_EQ(std::string(got, count), "load");
-    sender.LocalAddress(senderSide);
-    EXPECT_TRUE(from == senderSide);
-    EXPECT_EQ(sender.WriteMessage("", 0, count, Loopback(port)), ioEndOfFile);
 
     KySocket closed;
     EXPECT_EQ(closed.WriteMessage("x", 1, count, Loopback(9)), ioError);
