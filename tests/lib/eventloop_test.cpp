@@ -143,12 +143,12 @@ TEST_F(EventLoopTest, CallbackChangesRegistrationsDuringDispatch) {
     SocketPair first, second;
     ASSERT_EQ(write(first.fd[1], "x", 1), 1);
     ASSERT_EQ(write(second.fd[1], "y", 1), 1);
-    int writes = 0, secondReads = 0, firstReads = 0;
-    Call<> onWrite{[&](int) { ++writes; }};
-    Call<> onSecond{[&](int) { ++secondReads; }};
+    std::vector<std::string> calls;
+    Call<> onWrite{[&](int) { calls.push_back("write"); }};
+    Call<> onSecond{[&](int) { calls.push_back("second"); }};
     // Reading the first descriptor withdraws its own write and the whole second entry.
     Call<> onFirst{[&](int) {
-        ++firstReads;
+        calls.push_back("first");
         loop.RemoveFileEvent(first.fd[0], false, true, nullptr);
         loop.RemoveFileEvent(second.fd[0], true, false, nullptr);
         loop.RemoveFileEvent(first.fd[0], true, false, nullptr);
@@ -159,9 +159,7 @@ TEST_F(EventLoopTest, CallbackChangesRegistrationsDuringDispatch) {
     loop.AddFileEvent(second.fd[0], true, false, &onSecond);
     EXPECT_EQ(loop.PollCount(), 2u);
     EXPECT_EQ(RunGuarded(loop), 5);
-    EXPECT_EQ(firstReads, 1);
-    EXPECT_EQ(writes, 0);
-    EXPECT_EQ(secondReads, 0);
+    EXPECT_EQ(calls, std::vector<std::string>{"first"});
     EXPECT_EQ(loop.PollCount(), 0u);
     EXPECT_EQ(loop.RemoveFileEvent(first.fd[0], true, true, nullptr), False);
 }
