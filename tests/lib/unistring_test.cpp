@@ -57,7 +57,6 @@ TEST(UniString, EditingAndSearching) {
 
     const U t("abcabc");
     EXPECT_EQ(t.Search(u'z'), U::NotFound);
-    EXPECT_EQ(t.SearchFrom(3, u'a'), 3);
     EXPECT_EQ(t.SearchFrom(10, u'a'), U::NotFound);
     EXPECT_EQ(t.SearchFrom(1, U("abc")), 3);
     EXPECT_EQ(t.SearchReverseFrom(2, u'a'), 0);
