@@ -4,7 +4,6 @@
 #include "tests/lib/loopcall.h"
 
 #include <csignal>
-#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/socket.h>
