@@ -3,10 +3,13 @@
 #include "lib/eventloop.h"
 #include "tests/lib/loopcall.h"
 
+#include <algorithm>
 #include <csignal>
+#include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -106,6 +109,27 @@ TEST_F(ProcessTest, PipeCarriesTheChildsOutputAndACommandThatCannotRunEndsWith12
     EXPECT_EQ(code, KyUnixProcess::EXIT_EXEC_FAILED);
 }
 
+// Descriptors run out between the two pipes: Fork fails and leaves none of them open.
+TEST_F(ProcessTest, NoRoomForTheErrorPipeClosesTheOutputPipe) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer runtime needs descriptors of its own to check the failure path";
+#endif
+    const int lowest = dup(0);
+    close(lowest);
+    rlimit old{};
+    getrlimit(RLIMIT_NOFILE, &old);
+    const rlimit tight{static_cast<rlim_t>(lowest) + 2, old.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+    KyUnixProcess::ForkParams params;
+    params.WantPipe(true);
+    params.WantErrorPipe(true);
+    const KyStatus status = process.Fork(params);
+    setrlimit(RLIMIT_NOFILE, &old);
+    EXPECT_EQ(status, Failure);
+    EXPECT_EQ(fcntl(lowest, F_GETFD), -1);
+    EXPECT_EQ(fcntl(lowest + 1, F_GETFD), -1);
+}
+
 TEST_F(ProcessTest, SignalsDispatchInRegistrationOrderOnlyWhileEnabled) {
     std::vector<std::string> order;
     Call<int> first{[&](int) { order.push_back("first"); }};
@@ -141,6 +165,19 @@ TEST_F(ProcessTest, UsersAreLookedUpAndSwitchedToAsRoot) {
     EXPECT_EQ(geteuid(), 0u);
     EXPECT_EQ(getegid(), 0u);
     EXPECT_FALSE(process.UserSwitchFailed());
+
+    // A command started under another user runs as that user, real and effective.
+    const char* argv[] = {"sh", "-c", "echo $(id -ru) $(id -u)", nullptr};
+    KyUnixProcess::ForkParams params;
+    params.ExecCommand(argv);
+    params.WantPipe(true);
+    params.SetUserId(nobody.Uid());
+    ASSERT_EQ(process.Fork(params), Success);
+    std::string ids(64, '\0');
+    ids.resize(std::max<ssize_t>(0, read(params.PipeDescriptor(), ids.data(), ids.size())));
+    EXPECT_EQ(ids, std::to_string(nobody.Uid()) + " " + std::to_string(nobody.Uid()) + "\n");
+    close(params.PipeDescriptor());
+    waitpid(params.ChildPid(), nullptr, 0);
 }
 
 } // namespace
