@@ -102,12 +102,8 @@ TEST_F(ByteCircuitTest, PartialWriteStaysQueuedAndWriteMoreHearsEveryCountUntilT
     EXPECT_TRUE(writer.WriteRegistered());
     EXPECT_EQ(writer.GetStatistics().Queued().at(0).bytes, payload.size() - writer.writeCounts[0]);
 
-    reader.onData = [&] {
-        if (reader.received.size() == payload.size())
-            Stop();
-    };
     reader.WantRead();
-    EXPECT_EQ(Run(), 0);
+    EXPECT_TRUE(RunUntil(loop, [&] { return reader.received.size() == payload.size(); }));
     EXPECT_TRUE(reader.received == payload);
     const std::vector<unsigned>& counts = writer.writeCounts;
     EXPECT_EQ(std::accumulate(counts.begin(), counts.end(), 0u), payload.size());
@@ -219,12 +215,8 @@ TEST_F(ByteCircuitTest, ADescriptorPassesAndTheDataAfterItFollows) {
     EXPECT_EQ(a.QueueLength(), 0u);
     b.chunk = 5;
     b.ReceiveFileDescriptor();
-    b.onData = [&] {
-        if (b.received == "after")
-            Stop();
-    };
     b.WantRead();
-    EXPECT_EQ(Run(), 0);
+    EXPECT_TRUE(RunUntil(loop, [&] { return b.received == "after"; }));
     ASSERT_EQ(b.descriptors.size(), 1u);
     EXPECT_NE(fcntl(b.descriptors[0], F_GETFD), -1);
     close(ends[0]);
