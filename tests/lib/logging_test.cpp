@@ -1,6 +1,6 @@
-// The log framework with real files: how filter terms become destinations, how
-// messages are routed to them, the two record formats, and what happens to the files
-// on reopen and after a fork.
+// The log framework with real files: how filter terms and their wildcards become
+// destinations, how messages are routed to them, the two record formats, and what
+// happens to the files on reopen and after a fork.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "lib/logging.h"
+#include "lib/match.h"
 #include "tests/lib/logtemp.h"
 
 namespace {
@@ -40,10 +41,46 @@ void UseFilters(std::string const& directory, std::vector<std::string> const& te
     KyLog::SetupJSFilters(std::span<const KyUniString>(list));
 }
 
+// The texts of a plain log file's records, in order.
+std::vector<std::string> Texts(std::string const& path) {
+    std::vector<std::string> texts;
+    for (LogRecord const& record : ParseRecords(ReadWhole(path))) {
+        texts.push_back(record.text);
+    }
+    return texts;
+}
+
 std::uint32_t SysTimeNow() {
     timeval now;
     gettimeofday(&now, nullptr);
     return std::uint32_t(now.tv_sec) * 100000u + std::uint32_t(now.tv_usec) / 10u;
+}
+
+// The patterns of filter terms.
+TEST(WildcardMatch, StarsQuestionMarksAndCase) {
+    struct Case {
+        const char* pattern;
+        const char* text;
+        bool caseless;
+        bool matches;
+    };
+    const Case cases[] = {
+        {"*", "", false, true},
+        {"", "a", false, false},
+        {"*error", "fatalerror", false, true},
+        {"*error", "errors", false, false},
+        {"?nfo", "nfo", false, false},
+        {"a*b*c", "axxbyy", false, false},
+        {"*a*a*a*b", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", false, false},
+        {".../*", "../x", false, false},
+        {"*.jsl", "A.JSL", false, false},
+        {"HOSTGAUGE", "hostgauge", true, true},
+    };
+    for (Case const& c : cases) {
+        EXPECT_EQ(KyWildcardMatch(KyUniString(c.pattern), KyUniString(c.text), c.caseless),
+                  c.matches)
+            << c.pattern << " vs " << c.text;
+    }
 }
 
 TEST(LogFilters, TermsChooseDestinationsAndMessagesFollowTheirCategories) {
@@ -63,13 +100,9 @@ TEST(LogFilters, TermsChooseDestinationsAndMessagesFollowTheirCategories) {
     KyLog::Flush();
     const std::string console = testing::internal::GetCapturedStderr();
 
-    const std::string all = ReadWhole(dir / ("all" + pid + ".log"));
-    EXPECT_NE(all.find("first"), std::string::npos);
-    EXPECT_NE(all.find("third"), std::string::npos);
-    EXPECT_EQ(all.find("never routed"), std::string::npos);
-    const std::string net = ReadWhole(dir / "net.log");
-    EXPECT_NE(net.find("second"), std::string::npos);
-    EXPECT_EQ(net.find("third"), std::string::npos);
+    using V = std::vector<std::string>;
+    EXPECT_EQ(Texts(dir / ("all" + pid + ".log")), (V{"first", "second", "third"}));
+    EXPECT_EQ(Texts(dir / "net.log"), (V{"first", "second"}));
     const std::string jsl = ReadWhole(dir / "errors.jsl");
     EXPECT_EQ(jsl.find("first"), std::string::npos);
     EXPECT_NE(jsl.find("category=app/net/error"), std::string::npos);
@@ -94,9 +127,8 @@ TEST(LogFilters, AMessageGoesToAtMostFourDestinationsAndTwiceToARepeatedFile) {
                {"*/*/*:1.log", "*/*/*:1.log", "*/*/*:2.log", "*/*/*:3.log", "*/*/*:5.log"});
     KyLog::JserverLog(0, "hello");
     KyLog::Flush();
-    const std::string twice = ReadWhole(dir / "1.log");
-    EXPECT_NE(twice.find("hello"), twice.rfind("hello"));
-    EXPECT_NE(ReadWhole(dir / "3.log").find("hello"), std::string::npos);
+    EXPECT_EQ(Texts(dir / "1.log"), (std::vector<std::string>{"hello", "hello"}));
+    EXPECT_EQ(Texts(dir / "3.log"), std::vector<std::string>{"hello"});
     EXPECT_TRUE(std::filesystem::is_empty(dir / "5.log")) << "a fifth destination gets nothing";
 }
 
@@ -132,9 +164,13 @@ TEST(LogRecords, PlainAndStructuredFormats) {
     EXPECT_EQ(std::count(structured.begin(), structured.end(), '\n'), 2);
 }
 
+// An empty directory means the current one.
 TEST(LogFiles, CreatedAtSetUpOwnerOnlyAndCloseOnExec) {
     LogTempDir dir;
-    UseFilters(dir.Path(), {"*/*/*:r.log", "*/*/fatal*:idle.jsl"});
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(dir.Path());
+    UseFilters("", {"*/*/*:r.log", "*/*/fatal*:idle.jsl"});
+    std::filesystem::current_path(previous);
     EXPECT_TRUE(std::filesystem::is_empty(dir / "idle.jsl")) << "made at set-up, unused";
     KyLog::JserverLog(0, "a record");
     struct stat info {};
@@ -149,6 +185,7 @@ TEST(LogFiles, CreatedAtSetUpOwnerOnlyAndCloseOnExec) {
     }
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    UseFilters(dir.Path(), {});
 }
 
 // A daemon forks its load tool every run. A child that logs nothing leaves no files; a child
@@ -156,7 +193,8 @@ TEST(LogFiles, CreatedAtSetUpOwnerOnlyAndCloseOnExec) {
 // own file at exit(), and is lost by a process that dies without exit handlers.
 TEST(LogFiles, ForkedChildrenWriteOnlyTheirOwnRecordsToFilesNamedWithTheirPid) {
     LogTempDir dir;
-    UseFilters(dir.Path(), {"*/*/*:f%%PID%%.log", "*/*/*error:f%%PID%%.jsl"});
+    UseFilters(dir.Path(), {"*/*/*:f%%PID%%.log"});
+    auto file = [&dir](pid_t pid) { return dir / ("f" + std::to_string(pid) + ".log"); };
     auto forkChild = [](char const* text, bool runExitHandlers) {
         std::fflush(nullptr); // the test's own output is not the child's to repeat
         const pid_t child = fork();
@@ -165,38 +203,24 @@ TEST(LogFiles, ForkedChildrenWriteOnlyTheirOwnRecordsToFilesNamedWithTheirPid) {
             if (text != nullptr) {
                 KyLog::JserverLog(0, text);
             }
-            if (runExitHandlers) {
-                std::exit(0);
-            }
-            _exit(0);
+            runExitHandlers ? std::exit(0) : _exit(0);
         }
-        int status = 0;
-        waitpid(child, &status, 0);
+        waitpid(child, nullptr, 0);
         return child;
     };
-    auto file = [&dir](pid_t pid, char const* extension) {
-        return dir / ("f" + std::to_string(pid) + extension);
-    };
     KyLog::JserverLog(0, "the parent's, queued at the fork");
-    const pid_t silent = forkChild(nullptr, true);
+    EXPECT_FALSE(std::filesystem::exists(file(forkChild(nullptr, true))));
+    EXPECT_EQ(ReadWhole(file(forkChild("the child's, lost with it", false))), "");
     const pid_t exits = forkChild("the child's, written at exit", true);
-    const pid_t dies = forkChild("the child's, lost with it", false);
-    EXPECT_FALSE(std::filesystem::exists(file(silent, ".log")));
-    EXPECT_FALSE(std::filesystem::exists(file(exits, ".jsl")));
-    EXPECT_EQ(ReadWhole(file(dies, ".log")), "");
-    const std::string childFile = ReadWhole(file(exits, ".log"));
-    EXPECT_NE(childFile.find("(pid " + std::to_string(exits) + ")"), std::string::npos);
-    const auto child = ParseRecords(childFile);
-    ASSERT_EQ(child.size(), 1u);
-    EXPECT_EQ(child[0].text, "the child's, written at exit");
+    EXPECT_NE(ReadWhole(file(exits)).find("(pid " + std::to_string(exits) + ")"),
+              std::string::npos);
+    EXPECT_EQ(Texts(file(exits)), std::vector<std::string>{"the child's, written at exit"});
 
     KyLog::HaveForked(); // unchanged pid: nothing moves
     KyLog::JserverLog(0, "from the parent");
     KyLog::Flush();
-    const auto parent = ParseRecords(ReadWhole(file(getpid(), ".log")));
-    ASSERT_EQ(parent.size(), 2u);
-    EXPECT_EQ(parent[0].text, "the parent's, queued at the fork");
-    EXPECT_EQ(parent[1].text, "from the parent");
+    EXPECT_EQ(Texts(file(getpid())),
+              (std::vector<std::string>{"the parent's, queued at the fork", "from the parent"}));
 }
 
 // Records wait in their destination's buffer, in order, until a flush, a reopen or a full
@@ -212,10 +236,7 @@ TEST(LogBuffers, RecordsWaitForAFlushPointAndAreWrittenWholeAndInOrder) {
     EXPECT_NE(testing::internal::GetCapturedStderr().find("three"), std::string::npos);
     EXPECT_TRUE(std::filesystem::is_empty(dir / "b.log")) << "nothing written before a flush";
     KyLog::Flush();
-    const auto records = ParseRecords(ReadWhole(dir / "b.log"));
-    ASSERT_EQ(records.size(), 3u);
-    EXPECT_EQ(records[0].text, "one");
-    EXPECT_EQ(records[2].text, "three");
+    EXPECT_EQ(Texts(dir / "b.log"), (std::vector<std::string>{"one", "two", "three"}));
 
     // A burst larger than the bound reaches the file in whole records before any flush;
     // what waits stays within the bound (records of about 1070 bytes: at most 62 of them).
@@ -242,21 +263,8 @@ TEST(LogBuffers, RecordsWaitForAFlushPointAndAreWrittenWholeAndInOrder) {
     EXPECT_EQ(KyLog::ReOpen(), Success);
     KyLog::JserverLog(0, "after the move");
     KyLog::Flush();
-    EXPECT_NE(ReadWhole(dir / "moved.log").find("queued before the move"), std::string::npos);
-    const auto recreated = ParseRecords(ReadWhole(dir / "b.log"));
-    ASSERT_EQ(recreated.size(), 1u);
-    EXPECT_EQ(recreated[0].text, "after the move");
-}
-
-TEST(LogFiles, EmptyDirectoryMeansTheCurrentOne) {
-    LogTempDir dir;
-    const auto previous = std::filesystem::current_path();
-    std::filesystem::current_path(dir.Path());
-    UseFilters("", {"*/*/*:here.log"});
-    KyLog::JserverLog(0, "here");
-    std::filesystem::current_path(previous);
-    EXPECT_TRUE(std::filesystem::exists(dir / "here.log"));
-    UseFilters(dir.Path(), {});
+    EXPECT_EQ(Texts(dir / "moved.log").back(), "queued before the move");
+    EXPECT_EQ(Texts(dir / "b.log"), std::vector<std::string>{"after the move"});
 }
 
 } // namespace

@@ -14,16 +14,17 @@ struct Call : KyCallback<A> {
     std::function<void(A)> run;
 };
 
-// Runs the loop until a callback ends it; a regression that hangs ends after `seconds`.
-inline int RunGuarded(KyEventLoop& loop, int seconds = 2) {
+// Runs the loop until a callback ends it; a regression that hangs, or a run meant to last
+// a while, ends with 99 after `limit`.
+inline int RunGuarded(KyEventLoop& loop, KyTimeVal limit = KyTimeVal(2, 0)) {
     Call<> guard{[&loop](int reason) {
         if (reason == KyEvent::Fired)
             loop.ExitEventLoop(99);
     }};
-    const KyTimeVal limit = KyTimeVal() + KyTimeVal(seconds, 0);
-    loop.AddTimeoutEvent(limit, &guard);
+    const KyTimeVal due = KyTimeVal() + limit;
+    loop.AddTimeoutEvent(due, &guard);
     const int code = loop.EnterEventLoop();
-    loop.RemoveTimeoutEvent(limit, &guard);
+    loop.RemoveTimeoutEvent(due, &guard);
     return code;
 }
 
@@ -40,7 +41,7 @@ inline bool RunUntil(KyEventLoop& loop, const std::function<bool()>& done, int s
         loop.AddTimeoutEvent(next, &check);
     }};
     loop.AddTimeoutEvent(next, &check);
-    RunGuarded(loop, seconds);
+    RunGuarded(loop, KyTimeVal(seconds, 0));
     loop.RemoveTimeoutEvent(next, &check);
     return met;
 }

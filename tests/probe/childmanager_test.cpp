@@ -176,7 +176,7 @@ TEST_F(ChildManagerTest, RunsThatCacheNothingWaitLongerBeforeTheNextFork) {
     auto forksAfter = [this](double seconds) {
         const int before = process.forks;
         fakeMonotonic += static_cast<std::uint64_t>(seconds * 1e6);
-        RunGuarded(loop, 0);
+        RunGuarded(loop, KyTimeVal(0, 0));
         return process.forks > before;
     };
     start("exit 0");

@@ -115,7 +115,7 @@ TEST_F(ListenerTest, ABurstIsAnsweredInSlicesWithTheLoopsTimersBetween) {
         }
         return count;
     };
-    RunGuarded(eventloop, 0); // one pass, ended by a timer due at once
+    RunGuarded(eventloop, KyTimeVal(0, 0)); // one pass, ended by a timer due at once
     const std::size_t first = answered();
     EXPECT_GT(first, 0u);
     EXPECT_LT(first, clients.size()) << "the timer waited for the whole burst";
