@@ -30,7 +30,7 @@ public:
                               std::to_string(freePort()) +
                               "\n    default_backend farm\nbackend farm\n    server s1 127.0.0.1:" +
                               std::to_string(serverPort) +
-                              " weight 100 check inter 30s agent-check agent-port " +
+                              " weight 100 check inter 1s agent-check agent-port " +
                               std::to_string(agentPort) + " agent-inter " +
                               std::to_string(kAgentInterval.count()) + "ms\n");
         pid_ = ::fork();
