@@ -7,31 +7,12 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdio>
 
 #include "tests/e2e/daemon_fixture.h"
 
 namespace {
 
 using namespace e2e;
-
-const std::string kCtl = std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-ctl";
-
-struct Outcome {
-    int status = -1;
-    std::string out;
-};
-
-Outcome ctl(const std::string& arguments) {
-    Outcome outcome;
-    FILE* pipe = ::popen((kCtl + " " + arguments + " 2>&1").c_str(), "r");
-    char buffer[4096];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        outcome.out.append(buffer, n);
-    const int status = ::pclose(pipe);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
-}
 
 // Everything the agent port sends until it closes; "RESET" when the connection was reset
 // instead of closed, so a reply destroyed by a reset cannot pass for a short one.
@@ -44,65 +25,50 @@ std::string agentAnswer(unsigned short port, const std::string& send = "") {
     std::string answer;
     pollfd ready{fd, POLLIN, 0};
     char buffer[512];
-    while (::poll(&ready, 1, 5000) == 1) {
-        const ssize_t count = ::recv(fd, buffer, sizeof buffer, 0);
-        if (count < 0)
-            answer = "RESET";
-        if (count <= 0)
-            break;
+    ssize_t count = 0;
+    while (::poll(&ready, 1, 5000) == 1 && (count = ::recv(fd, buffer, sizeof buffer, 0)) > 0)
         answer.append(buffer, std::size_t(count));
-    }
     ::close(fd);
-    return answer;
+    return count < 0 ? "RESET" : answer;
 }
 
-class AgentDaemon : public Daemon {
-public:
+struct AgentDaemon : Daemon {
     AgentDaemon() {
-        agentPort_ = freePort();
-        set("agentport", std::to_string(agentPort_));
+        set("agentport", std::to_string(agentPort));
         toolPrints(toolRun(40));
     }
-    unsigned short agentPort() const { return agentPort_; }
     std::string socket() const { return "-s " + (dir() / "hostgauge.sock").string() + " "; }
     bool agentSays(const std::string& start) const {
-        return waitFor([&] { return agentAnswer(agentPort_).rfind(start, 0) == 0; });
+        return waitFor([&] { return agentAnswer(agentPort).rfind(start, 0) == 0; });
     }
-
-private:
-    unsigned short agentPort_ = 0;
+    const unsigned short agentPort = freePort();
 };
 
-TEST(AgentPort, AnswersSilentTalkativeAndResettingClients) {
+TEST(AgentPort, AnswersEveryClientAndFollowsDrainAndMaintenanceAcrossARestart) {
     AgentDaemon daemon;
+    writeFile(daemon.dir() / "linger", "60");
     ASSERT_TRUE(daemon.startServing());
     ASSERT_TRUE(daemon.agentSays("40% up # idle 40% rating "));
-    EXPECT_NE(agentAnswer(daemon.agentPort()).find(" samples 3\n"), std::string::npos);
+    EXPECT_NE(agentAnswer(daemon.agentPort).find(" samples 3\n"), std::string::npos);
 
     // What a balancer sends with agent-send is read and dropped; the line still arrives
     // whole and the close is orderly, even for more than a socket buffer of input.
-    EXPECT_EQ(agentAnswer(daemon.agentPort(), "hello from the balancer\n").rfind("40% up # ", 0),
-              0u);
-    EXPECT_EQ(agentAnswer(daemon.agentPort(), std::string(256 * 1024, 'x')).rfind("40% up # ", 0),
+    EXPECT_EQ(agentAnswer(daemon.agentPort, "hello from the balancer\n").rfind("40% up # ", 0), 0u);
+    EXPECT_EQ(agentAnswer(daemon.agentPort, std::string(256 * 1024, 'x')).rfind("40% up # ", 0),
               0u);
 
     for (int i = 0; i < 20; ++i) {
-        const int fd = connectTo(daemon.agentPort());
+        const int fd = connectTo(daemon.agentPort);
         const linger abort{1, 0};
         ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
         ::close(fd);
     }
-    const auto shown = ctl("agent -p " + std::to_string(daemon.agentPort()));
-    EXPECT_EQ(shown.status, 0);
-    EXPECT_EQ(shown.out.rfind("40% up # idle 40% rating ", 0), 0u) << shown.out;
-    EXPECT_TRUE(daemon.running());
-}
+    const auto agent = ctl("agent -p " + std::to_string(daemon.agentPort));
+    EXPECT_EQ(agent.status, 0);
+    EXPECT_EQ(agent.out.rfind("40% up # idle 40% rating ", 0), 0u) << agent.out;
+    ASSERT_TRUE(daemon.running());
 
-TEST(AgentPort, DrainAndMaintenanceReachEveryReportAndSurviveARestart) {
-    AgentDaemon daemon;
-    writeFile(daemon.dir() / "linger", "60");
-    ASSERT_TRUE(daemon.startServing());
-    ASSERT_TRUE(daemon.agentSays("40% up #"));
+    // Drain and maintenance through the admin socket reach every report and survive a restart.
     struct stat status {};
     ASSERT_EQ(::stat((daemon.dir() / "hostgauge.sock").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600u);
@@ -112,8 +78,7 @@ TEST(AgentPort, DrainAndMaintenanceReachEveryReportAndSurviveARestart) {
     // ends leaves no run's end to carry it either).
     Subscriber subscriber;
     const auto create = [&](unsigned id) {
-        return request(daemon.port(),
-                       createRequest(id, subscriber.port(), 10000, 10, "<stat>cpu</stat>"));
+        return request(daemon.port(), createRequest(id, subscriber.port()));
     };
     EXPECT_NE(create(7).find("<stats>cpu=40 </stats>"), std::string::npos);
     const auto first = subscriber.receive(15s);
@@ -123,11 +88,13 @@ TEST(AgentPort, DrainAndMaintenanceReachEveryReportAndSurviveARestart) {
     const auto packet = subscriber.receive(5s);
     ASSERT_TRUE(packet.has_value());
     EXPECT_NE(packet->find("<stats>cpu=0 </stats>"), std::string::npos) << *packet;
-    EXPECT_EQ(agentAnswer(daemon.agentPort()), "0% drain # drained by operator\n");
+    EXPECT_EQ(agentAnswer(daemon.agentPort), "0% drain # drained by operator\n");
     EXPECT_NE(create(8).find("<stats>cpu=0 </stats>"), std::string::npos);
     const auto shown = ctl(daemon.socket() + "-p " + std::to_string(daemon.port()) + " status");
     EXPECT_NE(shown.out.substr(0, shown.out.find('\n')).find(", state drain"), std::string::npos)
         << shown.out;
+    const auto refused = ctl("-p " + std::to_string(daemon.port()) + " kill 99");
+    EXPECT_EQ(refused.status, 3) << refused.out;
     EXPECT_TRUE(daemon.waitForLog("changed the hostgauge state from ready to drain."));
 
     ::kill(daemon.pid(), SIGTERM);
@@ -137,14 +104,12 @@ TEST(AgentPort, DrainAndMaintenanceReachEveryReportAndSurviveARestart) {
     daemon.start();
     ASSERT_TRUE(
         waitFor([&] { return fs::exists(daemon.dir() / "hostgauge.pid"); }, kStartDeadline));
-    EXPECT_EQ(agentAnswer(daemon.agentPort()), "0% drain # drained by operator\n");
+    EXPECT_EQ(agentAnswer(daemon.agentPort), "0% drain # drained by operator\n");
 
     EXPECT_EQ(ctl(daemon.socket() + "maint").out, "maint\n");
-    EXPECT_EQ(agentAnswer(daemon.agentPort()), "maint # maintenance by operator\n");
+    EXPECT_EQ(agentAnswer(daemon.agentPort), "maint # maintenance by operator\n");
     EXPECT_EQ(ctl(daemon.socket() + "ready").out, "ready\n");
     EXPECT_TRUE(daemon.agentSays("40% up ready # idle 40% "));
-    const auto bad = ctl(daemon.socket() + "state extra");
-    EXPECT_EQ(bad.status, 2);
 }
 
 TEST(Access, AllowListRefusesClientsAndDestinationsAndTheCapRefusesOneTooMany) {
@@ -153,7 +118,7 @@ TEST(Access, AllowListRefusesClientsAndDestinationsAndTheCapRefusesOneTooMany) {
     ASSERT_TRUE(refusing.startServing());
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(request(refusing.port(), kStatusRequest), "");
-        EXPECT_EQ(agentAnswer(refusing.agentPort()), "");
+        EXPECT_EQ(agentAnswer(refusing.agentPort), "");
     }
     ASSERT_TRUE(refusing.waitForLog("Refused a connection from 127.0.0.1 to port "));
     std::size_t records = 0;
@@ -167,20 +132,17 @@ TEST(Access, AllowListRefusesClientsAndDestinationsAndTheCapRefusesOneTooMany) {
     ASSERT_TRUE(capped.startServing());
     Subscriber subscriber;
     const auto create = [&](unsigned id, const std::string& host) {
-        std::string text = createRequest(id, subscriber.port(), 10000, 10, "<stat>cpu</stat>");
+        std::string text = createRequest(id, subscriber.port());
         text.replace(text.find("127.0.0.1"), 9, host);
         return request(capped.port(), text);
     };
-    EXPECT_NE(create(1, "192.0.2.1")
-                  .find("<error>get /Host not created: destination not "
-                        "allowed</error>"),
-              std::string::npos);
+    EXPECT_NE(create(1, "192.0.2.1").find("destination not allowed"), std::string::npos);
     EXPECT_NE(create(1, "127.0.0.1").find("type=\"create\""), std::string::npos);
     EXPECT_NE(create(2, "127.0.0.2").find("type=\"create\""), std::string::npos);
     EXPECT_NE(create(3, "127.0.0.1").find("subscription limit reached"), std::string::npos);
-    request(capped.port(), "<cvnlbreq command=KILL><version>1.0</version><id>2</id></cvnlbreq>");
+    request(capped.port(), killRequest(2));
     EXPECT_NE(create(3, "127.0.0.1").find("type=\"create\""), std::string::npos);
-    EXPECT_TRUE(capped.waitForLog("has the value bad/8 which is invalid. The entry is skipped."));
+    EXPECT_TRUE(capped.waitForLog("has the value bad/8 which is invalid."));
 }
 
 } // namespace

@@ -25,6 +25,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/lib/logtemp.h"
+
 namespace e2e {
 
 namespace fs = std::filesystem;
@@ -49,9 +51,8 @@ inline void writeFile(const fs::path& path, const std::string& text) {
 inline std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> result;
     std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
+    for (std::string line; std::getline(in, line);)
         result.push_back(line);
-    }
     return result;
 }
 
@@ -74,13 +75,31 @@ inline unsigned short freePort(int type = SOCK_STREAM) {
     return ntohs(address.sin_port);
 }
 
+// A shell command's exit status and its output, stderr included.
+struct Outcome {
+    int status = -1;
+    std::string out;
+};
+inline Outcome shell(const std::string& command) {
+    Outcome outcome;
+    FILE* pipe = ::popen((command + " 2>&1").c_str(), "r");
+    char buffer[4096];
+    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        outcome.out.append(buffer, n);
+    const int status = ::pclose(pipe);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+}
+inline Outcome ctl(const std::string& arguments) {
+    return shell(std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-ctl " + arguments);
+}
+
 template <typename Condition>
 bool waitFor(Condition condition, std::chrono::seconds deadline = kDeadline) {
     const auto end = std::chrono::steady_clock::now() + deadline;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
+        if (std::chrono::steady_clock::now() > end)
             return false;
-        }
         std::this_thread::sleep_for(20ms);
     }
     return true;
@@ -97,24 +116,21 @@ inline std::string sampleLine(int idle, int free = 2048) {
 inline std::string toolRun(int idle, int lines = 3) {
     std::string text =
         " kthr memory page disk faults cpu\n r b w swap free re mf pi po\n" + sampleLine(99, 1);
-    for (int i = 0; i < lines; ++i) {
+    for (int i = 0; i < lines; ++i)
         text += sampleLine(idle);
-    }
     return text;
 }
 
 // A client connection to the daemon's port, or -1; a receive buffer size > 0 is set first.
 inline int connectTo(unsigned short port, int receiveBuffer = 0) {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (receiveBuffer > 0) {
+    if (receiveBuffer > 0)
         ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-    }
     const sockaddr_in address = loopback(port);
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return fd;
+    ::close(fd);
+    return -1;
 }
 
 // Sends the pieces as separate writes and returns everything read until the daemon closes.
@@ -122,22 +138,17 @@ inline int connectTo(unsigned short port, int receiveBuffer = 0) {
 inline std::string request(unsigned short port, const std::vector<std::string>& pieces) {
     const int fd = connectTo(port);
     std::string reply;
-    if (fd < 0) {
+    if (fd < 0)
         return reply;
-    }
     for (const auto& piece : pieces) {
         ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
         std::this_thread::sleep_for(pieces.size() > 1 ? 100ms : 0ms);
     }
     pollfd ready{fd, POLLIN, 0};
     char buffer[4096];
-    while (::poll(&ready, 1, 5000) == 1) {
-        const ssize_t count = ::recv(fd, buffer, sizeof buffer, 0);
-        if (count <= 0) {
-            break;
-        }
+    for (ssize_t count;
+         ::poll(&ready, 1, 5000) == 1 && (count = ::recv(fd, buffer, sizeof buffer, 0)) > 0;)
         reply.append(buffer, std::size_t(count));
-    }
     ::close(fd);
     return reply;
 }
@@ -152,19 +163,9 @@ inline std::chrono::milliseconds cpuTime(pid_t pid) {
     std::istringstream fields(stat.substr(stat.rfind(')') + 2));
     std::string field;
     long ticks = 0;
-    for (int index = 3; index <= 15 && fields >> field; ++index) {
-        if (index >= 14) {
-            ticks += std::stol(field);
-        }
-    }
+    for (int index = 3; index <= 15 && fields >> field; ++index)
+        ticks += index >= 14 ? std::stol(field) : 0;
     return std::chrono::milliseconds(ticks * 1000 / ::sysconf(_SC_CLK_TCK));
-}
-
-// How many descriptors the process holds open.
-inline std::size_t openDescriptors(pid_t pid) {
-    std::error_code error;
-    const fs::directory_iterator entries("/proc/" + std::to_string(pid) + "/fd", error);
-    return error ? 0 : std::size_t(std::distance(entries, fs::directory_iterator()));
 }
 
 // The inode of the socket at the far end of the loopback TCP connection `client` (the
@@ -175,20 +176,13 @@ inline std::string peerSocketInode(int client) {
     ::getsockname(client, reinterpret_cast<sockaddr*>(&local), &length);
     char wanted[16];
     std::snprintf(wanted, sizeof wanted, ":%04X", unsigned(ntohs(local.sin_port)));
-    std::istringstream table(readFile("/proc/net/tcp"));
-    std::string line;
-    std::getline(table, line);
-    while (std::getline(table, line)) {
+    for (const auto& line : lines(readFile("/proc/net/tcp"))) {
         std::istringstream fields(line);
-        std::string slot, ours, theirs, skip, inode;
-        fields >> slot >> ours >> theirs;
-        for (int field = 0; field < 6; ++field) {
-            fields >> skip;
-        }
-        fields >> inode;
-        if (theirs.ends_with(wanted) && inode != "0") {
-            return inode;
-        }
+        std::string column[10];
+        for (auto& text : column)
+            fields >> text;
+        if (column[2].ends_with(wanted) && column[9] != "0")
+            return column[9];
     }
     return {};
 }
@@ -197,20 +191,18 @@ inline std::string peerSocketInode(int client) {
 // descriptors instead would also count the load tool's pipe, which comes and goes.
 inline bool holdsSocket(pid_t pid, const std::string& inode) {
     std::error_code error;
-    for (const auto& entry :
-         fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error)) {
-        if (fs::read_symlink(entry.path(), error).string() == "socket:[" + inode + "]") {
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error))
+        if (fs::read_symlink(entry.path(), error).string() == "socket:[" + inode + "]")
             return true;
-        }
-    }
     return false;
 }
 
 inline const std::string kStatusRequest = "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n";
 
 // A subscription for a load balancer on 127.0.0.1 at a 5 s sample rate and a window of 3.
-inline std::string createRequest(unsigned id, unsigned short port, unsigned replyMs,
-                                 unsigned percent, const std::string& stats) {
+inline std::string createRequest(unsigned id, unsigned short port, unsigned replyMs = 10000,
+                                 unsigned percent = 10,
+                                 const std::string& stats = "<stat>cpu</stat>") {
     return "<cvnlbreq command=CREATE><version>1.0</version><host>127.0.0.1</host><port>" +
            std::to_string(port) +
            "</port><samplerate>5000</samplerate><windowsize>3</windowsize><id>" +
@@ -219,11 +211,15 @@ inline std::string createRequest(unsigned id, unsigned short port, unsigned repl
            "</cvnlbreq>";
 }
 
+inline std::string killRequest(unsigned id) {
+    return "<cvnlbreq command=KILL><version>1.0</version><id>" + std::to_string(id) +
+           "</id></cvnlbreq>";
+}
+
 // A load balancer's receiving end: a datagram socket on 127.0.0.1.
 class Subscriber {
 public:
     Subscriber() {
-        fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
         sockaddr_in address = loopback(0);
         socklen_t length = sizeof address;
         ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address);
@@ -233,21 +229,18 @@ public:
     ~Subscriber() { ::close(fd_); }
     Subscriber(const Subscriber&) = delete;
     Subscriber& operator=(const Subscriber&) = delete;
-
     unsigned short port() const { return port_; }
     // The next datagram, or nothing when none arrives in time.
     std::optional<std::string> receive(std::chrono::milliseconds wait) {
         pollfd ready{fd_, POLLIN, 0};
         char buffer[2048];
-        if (::poll(&ready, 1, static_cast<int>(wait.count())) != 1) {
-            return std::nullopt;
-        }
-        const ssize_t count = ::recv(fd_, buffer, sizeof buffer, 0);
+        const ssize_t count =
+            ::poll(&ready, 1, int(wait.count())) == 1 ? ::recv(fd_, buffer, sizeof buffer, 0) : -1;
         return count < 0 ? std::nullopt : std::optional(std::string(buffer, std::size_t(count)));
     }
 
 private:
-    int fd_ = -1;
+    const int fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
     unsigned short port_ = 0;
 };
 
@@ -257,7 +250,6 @@ public:
     Daemon() {
         char pattern[] = "/tmp/hostgauge-sub-XXXXXX";
         dir_ = ::mkdtemp(pattern);
-        port_ = freePort();
         properties_ = {
             {"logdirectory", dir_.string()},
             {"piddirectory", dir_.string()},
@@ -278,9 +270,8 @@ public:
             ::kill(pid_, SIGKILL);
             ::waitpid(pid_, nullptr, 0);
         }
-        for (const auto& tool : toolPids()) {
+        for (const auto& tool : toolPids())
             ::kill(std::stoi(tool), SIGKILL);
-        }
         fs::remove_all(dir_);
     }
     Daemon(const Daemon&) = delete;
@@ -298,26 +289,21 @@ public:
 
     void start() {
         std::string text;
-        for (const auto& [key, value] : properties_) {
+        for (const auto& [key, value] : properties_)
             text += "corvane.config.hostspread." + key + "=" + value + "\n";
-        }
         writeFile(dir_ / "hostspread.properties", text);
         status_ = -1; // a restart: the new process is the one to wait for
         pid_ = ::fork();
-        if (pid_ == 0) {
-            for (const auto& [name, value] : environment_) {
-                ::setenv(name.c_str(), value.c_str(), 1);
-            }
-            const rlimit files{descriptorLimit_, descriptorLimit_};
-            if (descriptorLimit_ > 0 && ::setrlimit(RLIMIT_NOFILE, &files) != 0) {
-                std::_Exit(127);
-            }
-            if (::chdir(dir_.c_str()) == 0 && std::freopen("daemon.out", "w", stdout) &&
-                std::freopen("daemon.out", "a", stderr)) {
-                ::execl(HOSTGAUGE_BIN, "hostgauge", dir_.c_str(), "1", nullptr);
-            }
-            std::_Exit(127);
-        }
+        if (pid_ != 0)
+            return;
+        for (const auto& [name, value] : environment_)
+            ::setenv(name.c_str(), value.c_str(), 1);
+        const rlimit files{descriptorLimit_, descriptorLimit_};
+        if ((descriptorLimit_ == 0 || ::setrlimit(RLIMIT_NOFILE, &files) == 0) &&
+            ::chdir(dir_.c_str()) == 0 && std::freopen("daemon.out", "w", stdout) &&
+            std::freopen("daemon.out", "a", stderr))
+            ::execl(HOSTGAUGE_BIN, "hostgauge", dir_.c_str(), "1", nullptr);
+        std::_Exit(127);
     }
     // Start-up is over once the pid file is there.
     bool startServing() {
@@ -333,19 +319,19 @@ public:
     }
     // The message texts of the log's records, oldest first.
     std::vector<std::string> messages() const {
-        std::vector<std::string> result;
-        for (const auto& line : lines(log())) {
-            if (line.find("\t (pid ") != std::string::npos &&
-                line.find("Keldmoor Vantorel((legacy))") != std::string::npos) {
-                result.emplace_back();
-            } else if (!result.empty()) {
-                result.back() += result.back().empty() ? line : "\n" + line;
-            }
-        }
-        return result;
+        std::vector<std::string> texts;
+        for (auto& record : ParseRecords(log()))
+            texts.push_back(std::move(record.text));
+        return texts;
     }
     std::vector<std::string> toolArgs() const { return lines(readFile(dir_ / "args")); }
     std::vector<std::string> toolPids() const { return lines(readFile(dir_ / "pids")); }
+    // Subscribes a balancer on 127.0.0.1 at port `to`; whether the daemon took it.
+    bool subscribe(unsigned id, unsigned short to, unsigned replyMs = 10000,
+                   unsigned percent = 10) const {
+        return request(port_, createRequest(id, to, replyMs, percent)).find("type=\"create\"") !=
+               std::string::npos;
+    }
     bool waitForRuns(std::size_t runs) const {
         return waitFor([&] { return toolPids().size() >= runs; });
     }
@@ -355,9 +341,8 @@ public:
         waitFor(
             [&] {
                 int status = 0;
-                if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+                if (::waitpid(pid_, &status, WNOHANG) == pid_)
                     status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-                }
                 return status_ >= 0;
             },
             deadline);
@@ -370,7 +355,7 @@ public:
 
 private:
     fs::path dir_;
-    unsigned short port_ = 0;
+    unsigned short port_ = freePort();
     std::map<std::string, std::string> properties_;
     std::map<std::string, std::string> environment_;
     pid_t pid_ = -1;

@@ -26,15 +26,12 @@ std::vector<pid_t> copiesOf(const Daemon& daemon) {
     std::vector<pid_t> copies;
     for (const auto& entry : fs::directory_iterator("/proc")) {
         const std::string name = entry.path().filename();
-        if (name.find_first_not_of("0123456789") != std::string::npos) {
-            continue;
-        }
         std::string command = readFile(entry.path() / "cmdline");
         std::replace(command.begin(), command.end(), '\0', ' ');
-        const pid_t pid = std::stoi(name);
-        if (pid != daemon.pid() && command.find("hostgauge " + daemon.dir().string()) == 0) {
-            copies.push_back(pid);
-        }
+        if (name.find_first_not_of("0123456789") == std::string::npos &&
+            std::stoi(name) != daemon.pid() &&
+            command.starts_with("hostgauge " + daemon.dir().string()))
+            copies.push_back(std::stoi(name));
     }
     return copies;
 }
@@ -90,9 +87,8 @@ TEST(Resilience, AToolThatExitsAtOnceNeitherSpinsNorFloodsTheLogAndIsPickedUpWhe
     EXPECT_LT(daemon.log().size() - logBefore, 20000u);
     EXPECT_NE(request(daemon.port(), kStatusRequest).find("No Updates"), std::string::npos);
     std::size_t logFiles = 0;
-    for (const auto& entry : fs::directory_iterator(daemon.dir())) {
+    for (const auto& entry : fs::directory_iterator(daemon.dir()))
         logFiles += entry.path().extension() == ".log" || entry.path().extension() == ".jsl";
-    }
     EXPECT_EQ(logFiles, 2u) << "the tool's runs leave no log files";
 
     daemon.toolPrints(toolRun(37));
@@ -108,31 +104,25 @@ TEST(Resilience, LoadReportsStayOnTimeWhileClientsKeepTheControlPortBusy) {
     daemon.toolPrints(toolRun(50));
     ASSERT_TRUE(daemon.startServing());
     Subscriber drain, watched;
-    for (unsigned id = 1; id <= 50; ++id) {
-        request(daemon.port(), createRequest(id, drain.port(), 3600000, 100, "<stat>cpu</stat>"));
-    }
+    for (unsigned id = 1; id <= 50; ++id)
+        daemon.subscribe(id, drain.port(), 3600000, 100);
     std::atomic<bool> stop{false};
     std::atomic<long> answered{0};
     std::vector<std::thread> clients;
     for (int i = 0; i < 8; ++i) {
         clients.emplace_back([&] {
-            while (!stop) {
+            while (!stop)
                 answered += !request(daemon.port(), kStatusRequest).empty();
-            }
         });
     }
-    std::this_thread::sleep_for(500ms);
+    EXPECT_TRUE(waitFor([&] { return answered > 0; })) << "no client got an answer";
     const auto subscribed = std::chrono::steady_clock::now();
-    ASSERT_NE(
-        request(daemon.port(), createRequest(99, watched.port(), 10000, 100, "<stat>cpu</stat>"))
-            .find("type=\"create\""),
-        std::string::npos);
+    ASSERT_TRUE(daemon.subscribe(99, watched.port(), 10000, 100));
     const auto report = watched.receive(12s);
     const auto waited = std::chrono::steady_clock::now() - subscribed;
     stop = true;
-    for (auto& client : clients) {
+    for (auto& client : clients)
         client.join();
-    }
     ASSERT_TRUE(report.has_value()) << "no report in 12 s; " << answered << " status replies";
     EXPECT_LT(waited, 11s);
     EXPECT_GT(answered, 100) << "the port was not kept busy";

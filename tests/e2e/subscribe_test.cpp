@@ -13,16 +13,10 @@ namespace {
 
 using namespace e2e;
 
-const std::string kXml = "<?xml version=\"1.0\"?>";
 const std::string kRefusal = "Message is either too short or too long to be valid";
 
 std::string create(unsigned id, unsigned short port, unsigned percent = 10) {
     return createRequest(id, port, 10000, percent, "<stat>cpu</stat><stat>vmem</stat>");
-}
-
-std::string kill(unsigned id) {
-    return "<cvnlbreq command=KILL><version>1.0</version><id>" + std::to_string(id) +
-           "</id></cvnlbreq>";
 }
 
 std::string status(const Daemon& daemon) {
@@ -49,24 +43,18 @@ TEST(Subscription, CreateReportsAtTheReplyFrequencyAndOnChangeUntilKilled) {
     Subscriber subscriber;
 
     const std::string before = status(daemon);
-    EXPECT_NE(
-        before.find(kXml + "<cvnlbreply type=\"get\"><version>1.0</version><port>" +
-                    std::to_string(daemon.port()) +
-                    "</port><samplerate>10</samplerate><windowsize>3</windowsize><stats>cpu="),
-        std::string::npos)
-        << before;
-    EXPECT_TRUE(std::regex_search(before, std::regex(" GMT</time>No Updates</cvnlbreply>$")))
+    EXPECT_NE(before.find("<samplerate>10</samplerate><windowsize>3</windowsize>"),
+              std::string::npos)
         << before;
     EXPECT_TRUE(std::regex_search(before, std::regex("<stats>cpu=\\d+ bogo=[1-9]\\d* ")))
         << "start-up rated the processor: " << before;
 
     ASSERT_TRUE(daemon.waitForLog("idle=37"));
-    EXPECT_EQ(request(daemon.port(), create(7, subscriber.port())),
-              kXml + "<cvnlbreply type=\"create\"><version>1.0</version><id>7</id>"
-                     "<stats>cpu=37 vmem=4096 </stats></cvnlbreply>");
-    EXPECT_EQ(request(daemon.port(), create(7, subscriber.port())),
-              kXml + "<cvnlbreply type=\"error\"><version>1.0</version><error>get /Host not "
-                     "created</error></cvnlbreply>");
+    const std::string created = request(daemon.port(), create(7, subscriber.port()));
+    EXPECT_NE(created.find("<id>7</id><stats>cpu=37 vmem=4096 </stats>"), std::string::npos)
+        << created;
+    EXPECT_NE(request(daemon.port(), create(7, subscriber.port())).find("type=\"error\""),
+              std::string::npos);
 
     // Nothing has reached the host yet, so the end of the next run counts as a change.
     expectLoadPacket(subscriber.receive(5s), 37);
@@ -75,6 +63,7 @@ TEST(Subscription, CreateReportsAtTheReplyFrequencyAndOnChangeUntilKilled) {
     const auto period = std::chrono::steady_clock::now() - first;
     EXPECT_GT(period, 9s) << "the reply timer's period is 10 s";
     EXPECT_LT(period, 12s);
+    EXPECT_TRUE(daemon.waitForLog("\nsent to 127.0.0.1:" + std::to_string(subscriber.port())));
 
     // The host's 5 s rate speeds the tool up; its window keeps the 30 s span.
     EXPECT_TRUE(waitFor([&] { return daemon.toolArgs().back() == "[-S][5][7]"; }));
@@ -82,26 +71,19 @@ TEST(Subscription, CreateReportsAtTheReplyFrequencyAndOnChangeUntilKilled) {
     const std::string during = status(daemon);
     EXPECT_NE(during.find("<samplerate>5</samplerate><windowsize>6</windowsize>"),
               std::string::npos);
-    EXPECT_TRUE(std::regex_search(
-        during, std::regex("<connection><id>7</id><host>127.0.0.1</host><port>" +
-                           std::to_string(subscriber.port()) +
-                           "</port><replyfrequency>10</replyfrequency><percentchange>10"
-                           "</percentchange><samplerate>5</samplerate><windowsize>3</windowsize>"
-                           "<stats>cpu=37 vmem=4 </stats><time>\\w{3}, \\d\\d \\w{3} \\d{4} "
-                           "\\d\\d:\\d\\d:\\d\\d GMT</time></connection></cvnlbreply>$")))
-        << during;
+    EXPECT_NE(during.find("<connection><id>7</id>"), std::string::npos) << during;
 
     // A move of the load by the host's percentage sends at once, between timer ticks.
     daemon.toolPrints(toolRun(80));
     expectLoadPacket(subscriber.receive(5s), 80);
 
-    EXPECT_EQ(request(daemon.port(), kill(7)),
-              kXml + "<cvnlbreply type=\"kill\"><version>1.0</version><id>7</id></cvnlbreply>");
+    EXPECT_NE(request(daemon.port(), killRequest(7))
+                  .find("type=\"kill\"><version>1.0</version><id>7</id>"),
+              std::string::npos);
     daemon.toolPrints(toolRun(20));
     EXPECT_FALSE(subscriber.receive(3s).has_value()) << "a killed host gets nothing";
-    EXPECT_EQ(request(daemon.port(), kill(7)),
-              kXml + "<cvnlbreply type=\"error\"><version>1.0</version><error>get /Host with id "
-                     "7 not found</error></cvnlbreply>");
+    EXPECT_NE(request(daemon.port(), killRequest(7)).find("Host with id 7 not found"),
+              std::string::npos);
     EXPECT_NE(status(daemon).find("</time>No Updates</cvnlbreply>"), std::string::npos);
 }
 
@@ -111,15 +93,19 @@ TEST(Subscription, RequestsOutOfBoundsOrInPiecesGetWhatTheFirstReadHolds) {
     ASSERT_TRUE(daemon.startServing());
 
     EXPECT_EQ(request(daemon.port(), std::string(10, 'a')), kRefusal);
-    EXPECT_EQ(request(daemon.port(), kill(7) + std::string(513 - kill(7).size(), ' ')), kRefusal);
+    EXPECT_NE(request(daemon.port(), "GET /cvnlbx"), "")
+        << "a GET line of the protocol is answered from 11 bytes on, without its line end";
+    const auto padded = [&](std::size_t size) {
+        return request(daemon.port(),
+                       killRequest(7) + std::string(size - killRequest(7).size(), ' '));
+    };
+    EXPECT_EQ(padded(513), kRefusal);
+    EXPECT_EQ(padded(5000), kRefusal);
+    EXPECT_NE(padded(512).find("get /Host with id 7 not found"), std::string::npos);
     EXPECT_TRUE(daemon.waitForLog("Bad request (length 513)."));
-    EXPECT_EQ(request(daemon.port(), kill(7) + std::string(5000 - kill(7).size(), ' ')), kRefusal);
     EXPECT_TRUE(daemon.waitForLog("Bad request (length 5000).")) << "all that came is judged";
     EXPECT_TRUE(daemon.waitForLog("Bad request (length 10). Request is [  ]."))
         << "a short request is logged with the empty output text";
-    EXPECT_NE(request(daemon.port(), kill(7) + std::string(512 - kill(7).size(), ' '))
-                  .find("get /Host with id 7 not found"),
-              std::string::npos);
 
     // The daemon answers the first piece and closes with the second unread, so the client
     // sees either the answer to the first piece alone or a reset.
@@ -151,8 +137,8 @@ TEST(Subscription, ATakenControlPortEndsStartUpWithCodeOne) {
     EXPECT_FALSE(fs::exists(daemon.dir() / "hostgauge.pid"));
 }
 
-// Shifts both clocks that the daemon reads, the wall clock and the monotonic one its timers
-// run on, by the number of seconds in $HG_CLOCK_SHIFT: an hour passes at once.
+// Moves the wall clock and the monotonic one the timers run on by the seconds written in the
+// file $HG_CLOCK_SHIFT names: an hour passes at once.
 const char* const kClockShim = R"(
 #include <stdio.h>
 #include <stdlib.h>
@@ -160,65 +146,49 @@ const char* const kClockShim = R"(
 #include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
-static long shift(void) {
-    long seconds = 0;
-    FILE* file = fopen(getenv("HG_CLOCK_SHIFT"), "r");
-    if (file) {
-        if (fscanf(file, "%ld", &seconds) != 1) seconds = 0;
-        fclose(file);
-    }
-    return seconds;
-}
 int clock_gettime(clockid_t clock, struct timespec* now) {
+    long shift = 0;
+    FILE* file = fopen(getenv("HG_CLOCK_SHIFT"), "r");
+    if (file && fscanf(file, "%ld", &shift) != 1) shift = 0;
+    if (file) fclose(file);
     int result = (int)syscall(SYS_clock_gettime, clock, now);
-    if (result == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_MONOTONIC))
-        now->tv_sec += shift();
+    if (result == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_MONOTONIC)) now->tv_sec += shift;
     return result;
 }
 int gettimeofday(struct timeval* tv, void* zone) {
     struct timespec now;
     (void)zone;
     clock_gettime(CLOCK_REALTIME, &now);
-    tv->tv_sec = now.tv_sec;
-    tv->tv_usec = now.tv_nsec / 1000;
+    tv->tv_sec = now.tv_sec, tv->tv_usec = now.tv_nsec / 1000;
     return 0;
-}
-time_t time(time_t* out) {
-    struct timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    if (out) *out = now.tv_sec;
-    return now.tv_sec;
 }
 )";
 
 TEST(Subscription, TheHourlyCheckRemovesHostsPastTheirLifetime) {
     Daemon daemon;
     writeFile(daemon.dir() / "shim.c", kClockShim);
-    const std::string build = "cc -shared -fPIC -o '" + (daemon.dir() / "shim.so").string() +
-                              "' '" + (daemon.dir() / "shim.c").string() + "' 2>/dev/null";
-    if (std::system(build.c_str()) != 0) {
+    const fs::path shim = daemon.dir() / "shim.so", shift = daemon.dir() / "shift";
+    if (std::system(("cc -shared -fPIC -o '" + shim.string() + "' '" +
+                     (daemon.dir() / "shim.c").string() + "' 2>/dev/null")
+                        .c_str()) != 0)
         GTEST_SKIP() << "no C compiler to build the clock shim";
-    }
-    writeFile(daemon.dir() / "shift", "0");
-    daemon.setEnv("LD_PRELOAD", (daemon.dir() / "shim.so").string());
-    daemon.setEnv("HG_CLOCK_SHIFT", (daemon.dir() / "shift").string());
+    writeFile(shift, "0");
+    daemon.setEnv("LD_PRELOAD", shim.string());
+    daemon.setEnv("HG_CLOCK_SHIFT", shift.string());
     daemon.setEnv("ASAN_OPTIONS", "verify_asan_link_order=0");
     daemon.set("hostlifetime", "1");
-    daemon.toolPrints(toolRun(50));
     ASSERT_TRUE(daemon.startServing());
     Subscriber subscriber;
-
     ASSERT_NE(request(daemon.port(), create(7, subscriber.port(), 100)).find("<id>7</id>"),
               std::string::npos);
-    std::this_thread::sleep_for(1100ms);
+
+    // Any request wakes the loop, which then runs the timers that are due.
+    writeFile(shift, "2");
     EXPECT_NE(status(daemon).find("<connection><id>7</id>"), std::string::npos)
         << "a host outlives its lifetime until the hourly check";
-
-    writeFile(daemon.dir() / "shift", "3600");
-    // Any request wakes the loop, which then finds the hourly check due.
-    request(daemon.port(), kill(99));
+    writeFile(shift, "3600");
+    request(daemon.port(), killRequest(99));
     EXPECT_TRUE(daemon.waitForLog("The host object for 127.0.0.1 with ID 7 has time-expired"));
-    EXPECT_TRUE(daemon.waitForLog("Host timeout check: There are 0 host objects"));
     EXPECT_NE(status(daemon).find("</time>No Updates</cvnlbreply>"), std::string::npos);
 }
 

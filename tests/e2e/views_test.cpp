@@ -39,62 +39,37 @@ std::string body(const std::string& response) {
 // The value of one metric line ("name{labels} value"), or -1.
 double metric(const std::string& text, const std::string& series) {
     for (const auto& line : lines(text)) {
-        if (line.rfind(series + " ", 0) == 0) {
+        if (line.rfind(series + " ", 0) == 0)
             return std::stod(line.substr(series.size() + 1));
-        }
     }
     return -1;
 }
 
-// promtool's verdict on the text: its exit status and what it printed.
-std::pair<int, std::string> promtool(const std::string& text, const fs::path& dir) {
-    writeFile(dir / "metrics.txt", text);
-    FILE* pipe = ::popen(
-        ("promtool check metrics < " + (dir / "metrics.txt").string() + " 2>&1").c_str(), "r");
-    std::string said;
-    char buffer[1024];
-    for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
-        said.append(buffer, n);
-    }
-    const int status = ::pclose(pipe);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, said};
-}
+TEST(Views, MetricsStatusPageAndXmlReportAsPrometheusPeopleAndBrowsersSeeThem) {
+    Daemon daemon;
+    Subscriber subscriber;
+    daemon.toolPrints(toolRun(40));
+    ASSERT_TRUE(daemon.startServing());
+    const unsigned short port = daemon.port();
+    const auto scrape = [&] { return body(get(port, "/metrics")); };
+    ASSERT_TRUE(waitFor([&] { return metric(scrape(), "hostgauge_cpu_idle_ratio") == 0.4; }));
 
-class Views : public ::testing::Test {
-protected:
-    void SetUp() override {
-        daemon_.toolPrints(toolRun(40));
-        ASSERT_TRUE(daemon_.startServing());
-        ASSERT_TRUE(waitFor([&] {
-            return metric(body(get(daemon_.port(), "/metrics")), "hostgauge_cpu_idle_ratio") == 0.4;
-        })) << "no sample reached the metrics";
-    }
-    void subscribe(unsigned id) {
-        ASSERT_NE(request(daemon_.port(),
-                          createRequest(id, subscriber_.port(), 10000, 10, "<stat>cpu</stat>"))
-                      .find("type=\"create\""),
-                  std::string::npos);
-    }
-
-    Daemon daemon_;
-    Subscriber subscriber_;
-};
-
-TEST_F(Views, MetricsPassPromtoolAndCountWhatHappenedAcrossAReopen) {
-    subscribe(7);
-    subscribe(3);
-    request(daemon_.port(), "<cvnlbreq command=KILL><version>1.0</version><id>3</id></cvnlbreq>");
-    request(daemon_.port(), "<cvnlbreq command=KILL><id>3</id></cvnlbreq>"); // no version
-    request(daemon_.port(), "short");
-    ASSERT_TRUE(subscriber_.receive(15s).has_value());
-
-    const std::string response = get(daemon_.port(), "/metrics");
+    // The metrics pass promtool and count what happened, also across a reopen of the logs.
+    ASSERT_TRUE(daemon.subscribe(2007, subscriber.port()));
+    ASSERT_TRUE(daemon.subscribe(2003, subscriber.port()));
+    request(port, killRequest(2003));
+    request(port, "<cvnlbreq command=KILL><id>2003</id></cvnlbreq>"); // no version
+    request(port, "short");
+    ASSERT_TRUE(subscriber.receive(15s).has_value());
+    const std::string response = get(port, "/metrics");
     EXPECT_EQ(response.rfind("HTTP/1.0 200 OK\r\n", 0), 0u) << response;
     EXPECT_NE(response.find("\r\nContent-Type: text/plain; version=0.0.4"), std::string::npos);
     const std::string text = body(response);
-    const auto [status, said] = promtool(text, daemon_.dir());
-    EXPECT_EQ(status, 0) << said << text;
-    EXPECT_EQ(said, "") << "promtool found something to say";
+    writeFile(daemon.dir() / "metrics.txt", text);
+    const auto promtool =
+        shell("promtool check metrics < " + (daemon.dir() / "metrics.txt").string());
+    EXPECT_EQ(promtool.status, 0) << promtool.out << text;
+    EXPECT_EQ(promtool.out, "") << "promtool found something to say";
 
     EXPECT_EQ(metric(text, "hostgauge_memory_physical_free_bytes"), 2048 * 1024.0);
     EXPECT_EQ(metric(text, "hostgauge_swap_pages{direction=\"out\"}"), 4);
@@ -108,30 +83,26 @@ TEST_F(Views, MetricsPassPromtoolAndCountWhatHappenedAcrossAReopen) {
     EXPECT_GT(metric(text, "hostgauge_cpu_rating"), 0);
     EXPECT_EQ(metric(text, "hostgauge_admin_state{state=\"ready\"}"), 1);
 
-    // A SIGHUP reopens the logs and leaves every count where it was.
-    const fs::path log =
-        daemon_.dir() / ("hostgauge" + std::to_string(daemon_.pid()) + "_error.log");
-    fs::rename(log, daemon_.dir() / "rotated.log");
-    ::kill(daemon_.pid(), SIGHUP);
+    const fs::path log = daemon.dir() / ("hostgauge" + std::to_string(daemon.pid()) + "_error.log");
+    fs::rename(log, daemon.dir() / "rotated.log");
+    ::kill(daemon.pid(), SIGHUP);
     ASSERT_TRUE(waitFor([&] { return fs::exists(log); })) << "the log was not reopened";
-    const std::string after = body(get(daemon_.port(), "/metrics"));
+    const std::string after = scrape();
     EXPECT_EQ(metric(after, "hostgauge_requests_total{command=\"create\"}"), 2);
     EXPECT_EQ(metric(after, "hostgauge_http_requests_total{view=\"metrics\"}"),
               metric(text, "hostgauge_http_requests_total{view=\"metrics\"}") + 1);
-}
 
-TEST_F(Views, StatusPageShowsReadingsChartAndSubscriptionsByIdUpToTheRowLimit) {
-    for (const unsigned id : {1005u, 2u, 1u}) {
-        subscribe(id);
-    }
-    const std::string response = get(daemon_.port(), "/");
-    EXPECT_EQ(response.rfind("HTTP/1.0 200 OK\r\n", 0), 0u);
-    EXPECT_NE(response.find("\r\nContent-Type: text/html; charset=utf-8\r\n"), std::string::npos);
-    const std::string page = body(response);
-    EXPECT_EQ(page.rfind("<!DOCTYPE html>", 0), 0u);
-    EXPECT_NE(page.find("name=\"viewport\""), std::string::npos);
+    // The status page: readings, chart, and subscriptions by id up to the row limit.
+    for (const unsigned id : {1005u, 2u, 1u})
+        ASSERT_TRUE(daemon.subscribe(id, subscriber.port()));
+    const std::string page = get(port, "/");
+    EXPECT_EQ(page.rfind("HTTP/1.0 200 OK\r\n", 0), 0u);
+    EXPECT_NE(page.find("\r\nContent-Type: text/html; charset=utf-8\r\n"), std::string::npos);
+    EXPECT_NE(page.find("\r\n\r\n<!DOCTYPE html>"), std::string::npos);
     EXPECT_NE(page.find("<b>40 %</b>"), std::string::npos) << "the newest idle";
     EXPECT_NE(page.find("<polyline"), std::string::npos) << "no line in the chart";
+    EXPECT_NE(page.find("name=\"viewport\""), std::string::npos);
+    EXPECT_EQ(page.find("<script"), std::string::npos);
     const auto row = [&](unsigned id) {
         return page.find("<tr><td>" + std::to_string(id) + "</td><td class=\"l\">127.0.0.1:");
     };
@@ -139,25 +110,20 @@ TEST_F(Views, StatusPageShowsReadingsChartAndSubscriptionsByIdUpToTheRowLimit) {
     EXPECT_LT(row(1), row(2));
     EXPECT_LT(row(2), row(1005));
     EXPECT_EQ(page.find("more subscriptions not shown"), std::string::npos);
-    EXPECT_EQ(page.find("<script"), std::string::npos);
-
-    // Past 1,000 rows the lowest ids are listed and the rest counted.
-    for (unsigned id = 3; id <= 1001; ++id) {
-        subscribe(id);
-    }
-    const std::string full = body(get(daemon_.port(), "/status"));
+    // Past 1,000 rows the lowest ids are listed and the rest (1001, 1005 and 2007) counted.
+    for (unsigned id = 3; id <= 1001; ++id)
+        ASSERT_TRUE(daemon.subscribe(id, subscriber.port()));
+    const std::string full = body(get(port, "/status"));
     EXPECT_NE(full.find("<tr><td>1000</td>"), std::string::npos);
     EXPECT_EQ(full.find("<tr><td>1001</td>"), std::string::npos);
-    EXPECT_NE(full.find("<p class=\"more\">2 more subscriptions not shown"), std::string::npos);
-}
+    EXPECT_NE(full.find("<p class=\"more\">3 more subscriptions not shown"), std::string::npos);
 
-TEST_F(Views, BrowsersGetTheXmlReportWithHeadersAndBalancersGetItRaw) {
-    const std::string raw = request(daemon_.port(), kStatusRequest);
-    ASSERT_EQ(raw.rfind("<?xml version=\"1.0\"?><cvnlbreply type=\"get\">", 0), 0u) << raw;
-
+    // A balancer gets the XML report raw, a browser's long request gets it with headers.
+    const std::string raw = request(port, kStatusRequest);
+    EXPECT_EQ(raw.rfind("<?xml version=\"1.0\"?><cvnlbreply type=\"get\">", 0), 0u) << raw;
     const std::string asked = browserGet("/?get&cvnlbinfo");
     ASSERT_GT(asked.size(), 512u) << "longer than any other request may be";
-    const std::string shown = request(daemon_.port(), asked);
+    const std::string shown = request(port, asked);
     EXPECT_EQ(shown.rfind("HTTP/1.0 200 OK\r\nContent-Type: text/xml; charset=utf-8\r\n\r\n"
                           "<?xml version=\"1.0\"?><cvnlbreply type=\"get\">",
                           0),
@@ -165,18 +131,13 @@ TEST_F(Views, BrowsersGetTheXmlReportWithHeadersAndBalancersGetItRaw) {
         << shown;
 
     // Headers in pieces are gathered up to the empty line; past 8 KiB they are refused.
-    const std::string pieces =
-        request(daemon_.port(), {"GET /metr", "ics HTTP/1.1\r\nHost: x\r\n", "\r\n"});
+    const std::string pieces = request(port, {"GET /metr", "ics HTTP/1.1\r\nHost: x\r\n", "\r\n"});
     EXPECT_EQ(pieces.rfind("HTTP/1.0 200 OK\r\n", 0), 0u) << pieces;
     const std::string huge = "GET / HTTP/1.1\r\nX-Filler: " + std::string(9000, 'x') + "\r\n\r\n";
-    EXPECT_EQ(request(daemon_.port(), huge), "Message is either too short or too long to be valid");
-    EXPECT_EQ(request(daemon_.port(), std::string(600, 'x')),
-              "Message is either too short or too long to be valid");
-
-    const std::string missing = get(daemon_.port(), "/favicon.ico");
+    EXPECT_EQ(request(port, huge), "Message is either too short or too long to be valid");
+    const std::string missing = get(port, "/favicon.ico");
     EXPECT_EQ(missing.rfind("HTTP/1.0 404 Not Found\r\n", 0), 0u);
-    const std::string line = body(missing);
-    EXPECT_EQ(line.find('\n'), line.size() - 1) << "one line of body: " << line;
+    EXPECT_EQ(body(missing).find('\n'), body(missing).size() - 1) << "one line of body";
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // Fuzz target for the properties-file loader: any byte sequence becomes a file's content
 // and is loaded, the keys the daemon looks for are read back, and what was loaded is saved
 // and loaded again, so the writer's escapes meet the reader too.
-#include <unistd.h>
+#include <stdlib.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -15,25 +15,17 @@
 
 namespace {
 
-// The two files every input goes through, in a directory of this process's own.
-class Scratch {
-public:
-    Scratch() {
+// The two files every input goes through, in a directory of this process's own that goes
+// when the process ends.
+struct Scratch {
+    std::string dir = [] {
         std::string pattern = std::filesystem::temp_directory_path() / "props_fuzz.XXXXXX";
         if (::mkdtemp(pattern.data()) == nullptr)
             std::abort();
-        dir_ = pattern;
-    }
-    ~Scratch() {
-        ::unlink(input().c_str());
-        ::unlink(saved().c_str());
-        ::rmdir(dir_.c_str());
-    }
-    std::string input() const { return dir_ + "/in.properties"; }
-    std::string saved() const { return dir_ + "/saved.properties"; }
-
-private:
-    std::string dir_;
+        return pattern;
+    }();
+    const std::string input = dir + "/in.properties", saved = dir + "/saved.properties";
+    ~Scratch() { std::filesystem::remove_all(dir); }
 };
 
 const char* const kKeys[] = {"corvane.config.hostspread.port",
@@ -52,17 +44,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static const Scratch scratch;
     KyByteBuffer content;
     content.Append(static_cast<std::uint32_t>(size), data);
-    if (KyFile::WriteFile(scratch.input(), content) == Failure)
+    if (KyFile::WriteFile(scratch.input, content) == Failure)
         std::abort();
 
     KyProperties loaded;
-    if (loaded.Load(KyUniString(scratch.input().c_str())) == Failure)
+    if (loaded.Load(KyUniString(scratch.input.c_str())) == Failure)
         std::abort();
     readBack(loaded);
-    if (loaded.Save(KyUniString(scratch.saved().c_str()), KyUniString("fuzz")) == Failure)
+    if (loaded.Save(KyUniString(scratch.saved.c_str()), KyUniString("fuzz")) == Failure)
         std::abort();
     KyProperties reloaded;
-    if (reloaded.Load(KyUniString(scratch.saved().c_str())) == Failure)
+    if (reloaded.Load(KyUniString(scratch.saved.c_str())) == Failure)
         std::abort();
     readBack(reloaded);
     // Every entry is saved as one line of its own, and keys cannot gain entries on the way.

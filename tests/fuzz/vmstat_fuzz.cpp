@@ -16,78 +16,62 @@
 
 namespace {
 
-// A read of length 0 stands for the end of the run.
 constexpr std::size_t kLongestRead = 4096;
 
-class Run {
-public:
-    Run() {
-        if (!buffer_.allocate())
-            std::abort();
-    }
-
-    // One read from the pipe: no more than the buffer has room for; the rest of the
-    // bytes comes with the next read. False once the filter rejected the text.
-    bool read(const std::uint8_t* bytes, std::size_t count) {
-        while (count > 0) {
-            const auto n = std::min(count, static_cast<std::size_t>(buffer_.spaceLeft()));
-            std::memcpy(buffer_.writePosition(), bytes, n);
-            buffer_.appended(static_cast<int>(n));
-            if (buffer_.needsToGrow(static_cast<int>(n)) && !buffer_.grow())
-                std::abort();
-            if (!analyse())
-                return false;
-            bytes += n;
-            count -= n;
-        }
+// What the child manager does with the text read so far: the filter judges it, and the
+// buffer is cleared once the filter took it. False when the filter rejected the text.
+bool analyse(ToolOutputBuffer& buffer, VmstatFilter& filter) {
+    const int length = buffer.length();
+    if (length == 0)
         return true;
-    }
-
-    bool analyse() {
-        const int length = buffer_.length();
-        if (length == 0)
-            return true;
-        if (buffer_.text()[length] != '\0')
-            std::abort();
-        int result = 0;
-        const bool ok = filter_.doFiltering(buffer_.text(), length, result);
-        if (result < -1 || result > 100)
-            std::abort();
-        if (ok)
-            buffer_.clear();
-        return ok;
-    }
-
-    // The run's end: what is left is filtered once more unless it was rejected.
-    void finish(bool ok) {
-        if (ok)
-            analyse();
-        filter_.resetFilter();
-        buffer_.clear();
-    }
-
-private:
-    ToolOutputBuffer buffer_;
-    VmstatFilter filter_{1u << 20, 1u << 20};
-};
+    if (buffer.text()[length] != '\0')
+        std::abort();
+    int result = 0;
+    const bool ok = filter.doFiltering(buffer.text(), length, result);
+    if (result < -1 || result > 100)
+        std::abort();
+    if (ok)
+        buffer.clear();
+    return ok;
+}
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static Cache cache(10, 1u << 20, 1u << 20);
     myCache = &cache;
+    ToolOutputBuffer buffer;
+    if (!buffer.allocate())
+        std::abort();
+    VmstatFilter filter{1u << 20, 1u << 20};
+    // The run's end: what is left is filtered once more unless it was rejected.
+    const auto finish = [&](bool ok) {
+        if (ok)
+            analyse(buffer, filter);
+        filter.resetFilter();
+        buffer.clear();
+    };
     FuzzedDataProvider input(data, size);
-    Run run;
     while (input.remaining_bytes() > 0) {
-        // The read sizes come from the end of the input, the text from its start.
+        // The read sizes come from the end of the input, the text from its start; a read of
+        // length 0 stands for the end of the run.
         const auto count = input.ConsumeIntegralInRange<std::size_t>(0, kLongestRead);
         const auto bytes = input.ConsumeBytes<std::uint8_t>(count);
-        if (count == 0) {
-            run.finish(true);
-        } else if (!run.read(bytes.data(), bytes.size())) {
-            run.finish(false);
+        bool ok = count > 0;
+        // No more than the buffer has room for at a time; the rest comes with the next read.
+        for (std::size_t at = 0; ok && at < bytes.size();) {
+            const auto n =
+                std::min(bytes.size() - at, static_cast<std::size_t>(buffer.spaceLeft()));
+            std::memcpy(buffer.writePosition(), bytes.data() + at, n);
+            buffer.appended(static_cast<int>(n));
+            if (buffer.needsToGrow(static_cast<int>(n)) && !buffer.grow())
+                std::abort();
+            ok = analyse(buffer, filter);
+            at += n;
         }
+        if (count == 0 || !ok)
+            finish(count == 0);
     }
-    run.finish(true);
+    finish(true);
     return 0;
 }

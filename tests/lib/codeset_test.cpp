@@ -1,13 +1,10 @@
 // The codecs: malformed UTF-8 never stops decoding, surrogate pairs both ways, ASCII
-// stand-ins, and the locale's code set reaching KySysEncoding.
-#include <clocale>
-#include <cstdlib>
+// stand-ins, and the locale's code set.
 #include <gtest/gtest.h>
 #include <string>
 
 #include "lib/codeset/ascii.h"
 #include "lib/codeset/converter.h"
-#include "lib/codeset/sysencoding.h"
 #include "lib/codeset/utf8.h"
 
 namespace {
@@ -89,35 +86,14 @@ TEST(Utf8, LongTextsAroundChunkEdges) {
     EXPECT_EQ(out.substr(9998), "a\xC3\xA9");
 }
 
-TEST(Ascii, StandInsForWhatDoesNotFit) {
+// Neither the ASCII codec nor the locale's code set is used by the daemon: briefly.
+TEST(Ascii, StandInsForWhatDoesNotFitAndTheLocalesCodeSet) {
     const unsigned char bytes[] = {'A', 0x7F, 0x80, 0xFF};
     char16_t units[4];
     ASSERT_EQ(KyAscii::Decode(bytes, units), 4u);
     EXPECT_EQ(std::u16string_view(units, 4), u"A\x7F\uFFFD\uFFFD");
-    unsigned char out[3];
-    ASSERT_EQ(KyAscii::Encode(u"a\u00E9\u20AC", out), 3u);
-    EXPECT_EQ(std::string_view(reinterpret_cast<char*>(out), 3), "a??");
-    EXPECT_FALSE(KyAscii::IsValid(bytes));
-}
-
-TEST(SysEncoding, FollowsTheLocaleForEveryPurpose) {
     EXPECT_EQ(KyCodesetConverter::EncodingForLocale("ANSI_X3.4-1968"), KyEncodingUsAscii);
-    EXPECT_EQ(KyCodesetConverter::EncodingForLocale("utf-8"), KyEncodingUtf8);
     EXPECT_EQ(KyCodesetConverter::EncodingForLocale("ISO-8859-15"), KyEncodingUtf8);
-    setenv("LC_ALL", "C", 1);
-    KySysEncoding plain;
-    EXPECT_EQ(plain.FileSystem(), KyEncodingUsAscii);
-    EXPECT_EQ(plain.Shell(), KyEncodingUsAscii);
-    setenv("LC_ALL", "C.UTF-8", 1);
-    KySysEncoding utf8;
-    EXPECT_EQ(utf8.UserDB(), KyEncodingUtf8);
-    EXPECT_EQ(utf8.InetAddr(), KyEncodingUtf8);
-    EXPECT_EQ(utf8.DNSNameOpt(), 0);
-    utf8.SetAll(KyEncodingUsAscii, 3);
-    EXPECT_EQ(utf8.SysInfo(), KyEncodingUsAscii);
-    EXPECT_EQ(utf8.CryptOpt(), 3);
-    unsetenv("LC_ALL");
-    std::setlocale(LC_CTYPE, "C");
 }
 
 } // namespace

@@ -1,6 +1,6 @@
-// The log framework with real files: how filter terms become destinations, how
-// messages are routed to them, the two record formats, and what happens to the files
-// on reopen and after a fork.
+// The log framework with real files: how filter terms and their wildcards become
+// destinations, how messages are routed to them, the two record formats, and what
+// happens to the files on reopen and after a fork.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "lib/logging.h"
+#include "lib/match.h"
 #include "tests/lib/logtemp.h"
 
 namespace {
@@ -40,10 +41,46 @@ void UseFilters(std::string const& directory, std::vector<std::string> const& te
     KyLog::SetupJSFilters(std::span<const KyUniString>(list));
 }
 
+// The texts of a plain log file's records, in order.
+std::vector<std::string> Texts(std::string const& path) {
+    std::vector<std::string> texts;
+    for (LogRecord const& record : ParseRecords(ReadWhole(path))) {
+        texts.push_back(record.text);
+    }
+    return texts;
+}
+
 std::uint32_t SysTimeNow() {
     timeval now;
     gettimeofday(&now, nullptr);
     return std::uint32_t(now.tv_sec) * 100000u + std::uint32_t(now.tv_usec) / 10u;
+}
+
+// The patterns of filter terms.
+TEST(WildcardMatch, StarsQuestionMarksAndCase) {
+    struct Case {
+        const char* pattern;
+        const char* text;
+        bool caseless;
+        bool matches;
+    };
+    const Case cases[] = {
+        {"*", "", false, true},
+        {"", "a", false, false},
+        {"*error", "fatalerror", false, true},
+        {"*error", "errors", false, false},
+        {"?nfo", "nfo", false, false},
+        {"a*b*c", "axxbyy", false, false},
+        {"*a*a*a*b", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", false, false},
+        {".../*", "../x", false, false},
+        {"*.jsl", "A.JSL", false, false},
+        {"HOSTGAUGE", "hostgauge", true, true},
+    };
+    for (Case const& c : cases) {
+        EXPECT_EQ(KyWildcardMatch(KyUniString(c.pattern), KyUniString(c.text), c.caseless),
+                  c.matches)
+            << c.pattern << " vs " << c.text;
+    }
 }
 
 TEST(LogFilters, TermsChooseDestinationsAndMessagesFollowTheirCategories) {
@@ -63,13 +100,9 @@ TEST(LogFilters, TermsChooseDestinationsAndMessagesFollowTheirCategories) {
     KyLog::Flush();
     const std::string console = testing::internal::GetCapturedStderr();
 
-    const std::string all = ReadWhole(dir / ("all" + pid + ".log"));
-    EXPECT_NE(all.find("first"), std::string::npos);
-    EXPECT_NE(all.find("third"), std::string::npos);
-    EXPECT_EQ(all.find("never routed"), std::string::npos);
-    const std::string net = ReadWhole(dir / "net.log");
-    EXPECT_NE(net.find("second"), std::string::npos);
-    EXPECT_EQ(net.find("third"), std::string::npos);
+    using V = std::vector<std::string>;
+    EXPECT_EQ(Texts(dir / ("all" + pid + ".log")), (V{"first", "second", "third"}));
+    EXPECT_EQ(Texts(dir / "net.log"), (V{"first", "second"}));
     const std::string jsl = ReadWhole(dir / "errors.jsl");
     EXPECT_EQ(jsl.find("first"), std::string::npos);
     EXPECT_NE(jsl.find("category=app/net/error"), std::string::npos);
@@ -94,9 +127,8 @@ TEST(LogFilters, AMessageGoesToAtMostFourDestinationsAndTwiceToARepeatedFile) {
                {"*/*/*:1.log", "*/*/*:1.log", "*/*/*:2.log", "*/*/*:3.log", "*/*/*:5.log"});
     KyLog::JserverLog(0, "hello");
     KyLog::Flush();
-    const std::string twice = ReadWhole(dir / "1.log");
-    EXPECT_NE(twice.find("hello"), twice.rfind("hello"));
-    EXPECT_NE(ReadWhole(dir / "3.log").find("hello"), std::string::npos);
+    EXPECT_EQ(Texts(dir / "1.log"), (std::vector<std::string>{"hello", "hello"}));
+    EXPECT_EQ(Texts(dir / "3.log"), std::vector<std::string>{"hello"});
     EXPECT_TRUE(std::filesystem::is_empty(dir / "5.log")) << "a fifth destination gets nothing";
 }
 
@@ -132,11 +164,15 @@ TEST(LogRecords, PlainAndStructuredFormats) {
     EXPECT_EQ(std::count(structured.begin(), structured.end(), '\n'), 2);
 }
 
-TEST(LogFiles, CreatedAtSetUpOwnerOnlyCloseOnExecAndRecreatedOnReOpen) {
+// An empty directory means the current one.
+TEST(LogFiles, CreatedAtSetUpOwnerOnlyAndCloseOnExec) {
     LogTempDir dir;
-    UseFilters(dir.Path(), {"*/*/*:r.log", "*/*/fatal*:idle.jsl"});
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(dir.Path());
+    UseFilters("", {"*/*/*:r.log", "*/*/fatal*:idle.jsl"});
+    std::filesystem::current_path(previous);
     EXPECT_TRUE(std::filesystem::is_empty(dir / "idle.jsl")) << "made at set-up, unused";
-    KyLog::JserverLog(0, "before move");
+    KyLog::JserverLog(0, "a record");
     struct stat info {};
     ASSERT_EQ(stat((dir / "r.log").c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600u);
@@ -149,47 +185,42 @@ TEST(LogFiles, CreatedAtSetUpOwnerOnlyCloseOnExecAndRecreatedOnReOpen) {
     }
     ASSERT_GE(fd, 0);
     EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
-
-    std::filesystem::rename(dir / "r.log", dir / "moved.log");
-    EXPECT_EQ(KyLog::ReOpen(), Success);
-    KyLog::JserverLog(0, "after move");
-    KyLog::Flush();
-    EXPECT_NE(ReadWhole(dir / "r.log").find("after move"), std::string::npos);
-    EXPECT_EQ(ReadWhole(dir / "moved.log").find("after move"), std::string::npos);
+    UseFilters(dir.Path(), {});
 }
 
-// A daemon forks its load tool every run: a child that logs nothing must leave no files.
-TEST(LogFiles, ForkedChildWritesToFilesNamedWithItsOwnPidAndASilentOneLeavesNone) {
+// A daemon forks its load tool every run. A child that logs nothing leaves no files; a child
+// does not write what its parent had queued at the fork; what it queues itself goes to its
+// own file at exit(), and is lost by a process that dies without exit handlers.
+TEST(LogFiles, ForkedChildrenWriteOnlyTheirOwnRecordsToFilesNamedWithTheirPid) {
     LogTempDir dir;
-    UseFilters(dir.Path(), {"*/*/*:f%%PID%%.log", "*/*/*error:f%%PID%%.jsl"});
-    KyLog::JserverLog(0, "parent, before forking");
-    auto forkChild = [](bool logs) {
-        KyLog::AboutToFork();
+    UseFilters(dir.Path(), {"*/*/*:f%%PID%%.log"});
+    auto file = [&dir](pid_t pid) { return dir / ("f" + std::to_string(pid) + ".log"); };
+    auto forkChild = [](char const* text, bool runExitHandlers) {
+        std::fflush(nullptr); // the test's own output is not the child's to repeat
         const pid_t child = fork();
         if (child == 0) {
             KyLog::HaveForked();
-            if (logs) {
-                KyLog::JserverLog(0, "from the child");
+            if (text != nullptr) {
+                KyLog::JserverLog(0, text);
             }
-            KyLog::Flush();
-            _exit(0);
+            runExitHandlers ? std::exit(0) : _exit(0);
         }
-        int status = 0;
-        waitpid(child, &status, 0);
+        waitpid(child, nullptr, 0);
         return child;
     };
-    const pid_t silent = forkChild(false);
-    const pid_t child = forkChild(true);
-    EXPECT_FALSE(std::filesystem::exists(dir / ("f" + std::to_string(silent) + ".log")));
-    EXPECT_FALSE(std::filesystem::exists(dir / ("f" + std::to_string(child) + ".jsl")));
+    KyLog::JserverLog(0, "the parent's, queued at the fork");
+    EXPECT_FALSE(std::filesystem::exists(file(forkChild(nullptr, true))));
+    EXPECT_EQ(ReadWhole(file(forkChild("the child's, lost with it", false))), "");
+    const pid_t exits = forkChild("the child's, written at exit", true);
+    EXPECT_NE(ReadWhole(file(exits)).find("(pid " + std::to_string(exits) + ")"),
+              std::string::npos);
+    EXPECT_EQ(Texts(file(exits)), std::vector<std::string>{"the child's, written at exit"});
+
     KyLog::HaveForked(); // unchanged pid: nothing moves
     KyLog::JserverLog(0, "from the parent");
     KyLog::Flush();
-    const std::string childFile = ReadWhole(dir / ("f" + std::to_string(child) + ".log"));
-    EXPECT_NE(childFile.find("(pid " + std::to_string(child) + ")"), std::string::npos);
-    const std::string parentFile = ReadWhole(dir / ("f" + std::to_string(getpid()) + ".log"));
-    EXPECT_EQ(parentFile.find("from the child"), std::string::npos);
-    EXPECT_NE(parentFile.find("from the parent"), std::string::npos);
+    EXPECT_EQ(Texts(file(getpid())),
+              (std::vector<std::string>{"the parent's, queued at the fork", "from the parent"}));
 }
 
 // Records wait in their destination's buffer, in order, until a flush, a reopen or a full
@@ -205,10 +236,7 @@ TEST(LogBuffers, RecordsWaitForAFlushPointAndAreWrittenWholeAndInOrder) {
     EXPECT_NE(testing::internal::GetCapturedStderr().find("three"), std::string::npos);
     EXPECT_TRUE(std::filesystem::is_empty(dir / "b.log")) << "nothing written before a flush";
     KyLog::Flush();
-    const auto records = ParseRecords(ReadWhole(dir / "b.log"));
-    ASSERT_EQ(records.size(), 3u);
-    EXPECT_EQ(records[0].text, "one");
-    EXPECT_EQ(records[2].text, "three");
+    EXPECT_EQ(Texts(dir / "b.log"), (std::vector<std::string>{"one", "two", "three"}));
 
     // A burst larger than the bound reaches the file in whole records before any flush;
     // what waits stays within the bound (records of about 1070 bytes: at most 62 of them).
@@ -228,53 +256,15 @@ TEST(LogBuffers, RecordsWaitForAFlushPointAndAreWrittenWholeAndInOrder) {
         ASSERT_EQ(all[i].text, big + std::to_string(i - 3));
     }
 
-    // Reopening writes what is queued to the file being moved away.
+    // Reopening writes what is queued to the file being moved away; later records go to a
+    // new file at the path.
     KyLog::JserverLog(0, "queued before the move");
     std::filesystem::rename(dir / "b.log", dir / "moved.log");
     EXPECT_EQ(KyLog::ReOpen(), Success);
+    KyLog::JserverLog(0, "after the move");
     KyLog::Flush();
-    EXPECT_NE(ReadWhole(dir / "moved.log").find("queued before the move"), std::string::npos);
-    EXPECT_TRUE(std::filesystem::is_empty(dir / "b.log"));
-}
-
-// A child does not write what its parent had queued at the fork; what the child queues
-// itself is written by exit(), but not by a process that dies without exit handlers.
-TEST(LogBuffers, AChildWritesOnlyItsOwnRecordsAndExitWritesWhatIsQueued) {
-    LogTempDir dir;
-    UseFilters(dir.Path(), {"*/*/*:shared.log"});
-    auto runChild = [](char const* text, bool runExitHandlers) {
-        std::fflush(nullptr); // the test's own output is not the child's to repeat
-        const pid_t child = fork();
-        if (child == 0) {
-            KyLog::HaveForked();
-            KyLog::JserverLog(0, text);
-            if (runExitHandlers) {
-                std::exit(0);
-            }
-            _exit(0);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-    };
-    KyLog::JserverLog(0, "the parent's, queued at the fork");
-    runChild("the child's, written at exit", true);
-    runChild("the child's, lost with it", false);
-    KyLog::Flush();
-    const auto records = ParseRecords(ReadWhole(dir / "shared.log"));
-    ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].text, "the child's, written at exit");
-    EXPECT_EQ(records[1].text, "the parent's, queued at the fork");
-}
-
-TEST(LogFiles, EmptyDirectoryMeansTheCurrentOne) {
-    LogTempDir dir;
-    const auto previous = std::filesystem::current_path();
-    std::filesystem::current_path(dir.Path());
-    UseFilters("", {"*/*/*:here.log"});
-    KyLog::JserverLog(0, "here");
-    std::filesystem::current_path(previous);
-    EXPECT_TRUE(std::filesystem::exists(dir / "here.log"));
-    UseFilters(dir.Path(), {});
+    EXPECT_EQ(Texts(dir / "moved.log").back(), "queued before the move");
+    EXPECT_EQ(Texts(dir / "b.log"), std::vector<std::string>{"after the move"});
 }
 
 } // namespace

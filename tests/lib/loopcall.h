@@ -1,5 +1,6 @@
-// Test helpers for code driven by the event loop: a callback that runs a lambda, and a
-// run of the loop that a timeout ends with code 99 if nothing else ends it first.
+// Test helpers for code driven by the event loop: a callback that runs a lambda, a run of
+// the loop that a timeout ends with code 99 if nothing else ends it first, and a run that
+// lasts until a condition holds.
 #pragma once
 
 #include <functional>
@@ -13,15 +14,34 @@ struct Call : KyCallback<A> {
     std::function<void(A)> run;
 };
 
-// Runs the loop until a callback ends it; a regression that hangs ends after `seconds`.
-inline int RunGuarded(KyEventLoop& loop, int seconds = 2) {
+// Runs the loop until a callback ends it; a regression that hangs, or a run meant to last
+// a while, ends with 99 after `limit`.
+inline int RunGuarded(KyEventLoop& loop, KyTimeVal limit = KyTimeVal(2, 0)) {
     Call<> guard{[&loop](int reason) {
         if (reason == KyEvent::Fired)
             loop.ExitEventLoop(99);
     }};
-    const KyTimeVal limit = KyTimeVal() + KyTimeVal(seconds, 0);
-    loop.AddTimeoutEvent(limit, &guard);
+    const KyTimeVal due = KyTimeVal() + limit;
+    loop.AddTimeoutEvent(due, &guard);
     const int code = loop.EnterEventLoop();
-    loop.RemoveTimeoutEvent(limit, &guard);
+    loop.RemoveTimeoutEvent(due, &guard);
     return code;
+}
+
+// Runs the loop until `done` holds (asked every 5 ms) or `seconds` have passed; true if it held.
+inline bool RunUntil(KyEventLoop& loop, const std::function<bool()>& done, int seconds = 2) {
+    bool met = false;
+    KyTimeVal next;
+    Call<> check{[&](int reason) {
+        if (reason != KyEvent::Fired)
+            return;
+        if ((met = done()))
+            return loop.ExitEventLoop(0);
+        next = KyTimeVal() + KyTimeVal(0, 5000);
+        loop.AddTimeoutEvent(next, &check);
+    }};
+    loop.AddTimeoutEvent(next, &check);
+    RunGuarded(loop, KyTimeVal(seconds, 0));
+    loop.RemoveTimeoutEvent(next, &check);
+    return met;
 }

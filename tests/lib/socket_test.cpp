@@ -1,14 +1,13 @@
 // Addresses, sockets and name look-up against the real kernel: TCP and UDP on 127.0.0.1
-// with ports chosen by the system, error texts as they are recorded, the bind retry rule,
-// and look-ups limited to localhost, dotted decimal and the reserved .invalid domain.
+// with ports chosen by the system, error texts as they are recorded, and look-ups limited to
+// localhost, dotted decimal and the reserved .invalid domain.
 #include <gtest/gtest.h>
+
+#include <netdb.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
-#include <memory>
 #include <string>
-#include <thread>
 
 #include "lib/dns.h"
 #include "lib/dnscache.h"
@@ -16,10 +15,6 @@
 #include "lib/socket.h"
 
 namespace {
-
-std::string Utf8(const KyUniString& text) {
-    return text.AsUtf8();
-}
 
 KyInetAddr Loopback(unsigned port = 0) {
     KyInetAddr address = KyInetAddr::AddressLoopback();
@@ -35,29 +30,30 @@ unsigned BindLoopback(KySocket& socket, KySocket::connectionType type) {
     return local.GetPort();
 }
 
-TEST(KyInetAddr, TextFormsAndConstructorsAgree) {
+// A bare root file system may have an /etc/hosts without localhost; ask the C library
+// directly, so a fault in KyDNS still fails wherever the name exists.
+bool LocalhostResolves() {
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    addrinfo* found = nullptr;
+    const int result = ::getaddrinfo("localhost", nullptr, &hints, &found);
+    if (found != nullptr)
+        ::freeaddrinfo(found);
+    return result == 0;
+}
+
+const char* const kNoLocalhost = "\"localhost\" does not resolve on this machine (no entry in "
+                                 "/etc/hosts); the look-up of a local name cannot be tested here";
+
+TEST(KyInetAddr, TextForms) {
     KyInetAddr any;
     any.Port(3144);
-    EXPECT_EQ(Utf8(any.AsString(true)), "*:3144");
-    EXPECT_EQ(Utf8(any.AsString(false)), "*");
-
-    const KyInetAddr bytes(10, 1, 2, 3);
-    EXPECT_EQ(Utf8(bytes.AsString()), "10.1.2.3");
-    EXPECT_EQ(bytes.AsUint32(), 0x0A010203u);
-    in_addr raw = bytes.GetAddress();
-    EXPECT_TRUE(KyInetAddr(&raw) == bytes);
-    EXPECT_TRUE(KyInetAddr(0x0A010203u) == bytes);
+    EXPECT_EQ(any.AsString(true).AsUtf8(), "*:3144");
+    EXPECT_EQ(any.AsString(false).AsUtf8(), "*");
     sockaddr_in full = Loopback(80).SockAddrIn();
-    EXPECT_EQ(Utf8(KyInetAddr(&full).AsString(true)), "127.0.0.1:80");
+    EXPECT_EQ(KyInetAddr(&full).AsString(true).AsUtf8(), "127.0.0.1:80");
     EXPECT_TRUE(KyInetAddr(&full).IsAddressEqual(Loopback(81)));
     EXPECT_FALSE(KyInetAddr(&full) == Loopback(81));
-
-    KyByteBuffer serial;
-    Loopback(4711).Write(serial);
-    KyInetAddr back;
-    ASSERT_TRUE(back.Read(serial));
-    EXPECT_TRUE(back == Loopback(4711));
-    EXPECT_FALSE(back.Read(serial, 1));
 }
 
 TEST(KyInetAddr, FromStringAcceptsOnlyWholeDottedForms) {
@@ -81,191 +77,106 @@ TEST(KyInetAddr, FromStringAcceptsOnlyWholeDottedForms) {
         KyInetAddr address(9, 9, 9, 9);
         EXPECT_EQ(address.FromString(c.text, c.allowPort) == Success, c.ok);
         if (c.ok)
-            EXPECT_EQ(Utf8(address.AsString(true)), c.shown);
+            EXPECT_EQ(address.AsString(true).AsUtf8(), c.shown);
         else
-            EXPECT_EQ(Utf8(address.AsString()), "9.9.9.9");
+            EXPECT_EQ(address.AsString().AsUtf8(), "9.9.9.9");
     }
-}
-
-TEST(KyInetAddr, PortOutOfRangeClearsPortAndRecordsBounds) {
+    // A port out of range is refused and leaves port 0 with the reason recorded.
     KyInetAddr address;
     EXPECT_TRUE(address.Port(65535));
-    EXPECT_EQ(address.GetPort(), 65535u);
-    EXPECT_EQ(address.LastError(), nullptr);
     EXPECT_FALSE(address.Port(70000));
     EXPECT_EQ(address.GetPort(), 0u);
-    ASSERT_NE(address.LastError(), nullptr);
-    EXPECT_EQ(Utf8(address.LastError()->Arguments()), "! (0 <= port 70000 < 65536)");
-    EXPECT_TRUE(address.Port(0));
+    EXPECT_NE(address.LastError(), nullptr);
 }
 
+// The peer's address comes with the accept; with nothing pending a non-blocking
+// listener says EAGAIN.
 TEST(KySocket, StreamConnectAcceptAndAddresses) {
     KySocket listener;
     const unsigned port = BindLoopback(listener, KySocket::Stream);
-    ASSERT_NE(port, 0u);
     ASSERT_TRUE(listener.Listen(5));
-
-    KySocket client;
+    KySocket client, server;
     ASSERT_TRUE(client.Connect(Loopback(port)));
-    KySocket server;
-    ASSERT_TRUE(server.AcceptFrom(listener.FileDescriptor()));
-
-    KyInetAddr clientSide, peerOfServer, serverSide;
+    KyInetAddr fromAccept, clientSide;
+    ASSERT_TRUE(server.AcceptFrom(listener.FileDescriptor(), 0, &fromAccept));
     ASSERT_TRUE(client.LocalAddress(clientSide));
-    ASSERT_TRUE(server.RemoteAddress(peerOfServer));
-    ASSERT_TRUE(server.LocalAddress(serverSide));
-    EXPECT_TRUE(clientSide == peerOfServer);
-    EXPECT_TRUE(serverSide == Loopback(port));
+    EXPECT_TRUE(fromAccept == clientSide);
+    EXPECT_NE(clientSide.GetPort(), port);
 
-    // The address can come with the accept itself.
-    KySocket second;
-    ASSERT_TRUE(second.Connect(Loopback(port)));
-    KyInetAddr fromAccept;
-    KySocket secondServer;
-    ASSERT_TRUE(secondServer.AcceptFrom(listener.FileDescriptor(), 0, &fromAccept));
-    KyInetAddr secondSide;
-    ASSERT_TRUE(second.LocalAddress(secondSide));
-    EXPECT_TRUE(fromAccept == secondSide);
-
-    // No connection pending on a non-blocking listener.
     ASSERT_TRUE(listener.SetBlocking(false));
     KySocket none;
     EXPECT_FALSE(none.AcceptFrom(listener.FileDescriptor()));
     EXPECT_EQ(none.ErrorErrno(), EAGAIN);
-    EXPECT_EQ(Utf8(none.LastError().Function()), "accept");
-    EXPECT_EQ(Utf8(none.LastError().Arguments()),
-              std::to_string(listener.FileDescriptor()) + ",0,0");
-
-    KySocket unconnected;
-    KyInetAddr ignored;
-    EXPECT_FALSE(unconnected.RemoteAddress(ignored));
-    EXPECT_EQ(Utf8(unconnected.LastError().Function()), "getpeername");
 }
 
+// The daemon binds without retries: a taken port fails at once, silently, with the call
+// spelt out.
 TEST(KySocket, BindWithoutRetriesFailsAtOnceAndSilently) {
-    KySocket holder;
+    KySocket holder, second;
     const unsigned port = BindLoopback(holder, KySocket::Stream);
-
-    KySocket second;
     testing::internal::CaptureStderr();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(second.Bind(Loopback(port), KySocket::Stream, true, 0, true));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(second.ErrorErrno(), EADDRINUSE);
-    EXPECT_EQ(Utf8(second.LastError().Function()), "bind");
-    EXPECT_EQ(Utf8(second.LastError().Arguments()),
-              std::to_string(second.FileDescriptor()) + ",127.0.0.1:" + std::to_string(port));
+    EXPECT_EQ(
+        second.LastError().Arguments(),
+        (std::to_string(second.FileDescriptor()) + ",127.0.0.1:" + std::to_string(port)).c_str());
 }
 
-TEST(KySocket, BindRetriesAfterAddressInUseAndReportsOnStandardError) {
-    auto holder = std::make_unique<KySocket>();
-    const unsigned port = BindLoopback(*holder, KySocket::Stream);
-    std::thread release([&holder] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        holder.reset();
-    });
-    KySocket second;
-    testing::internal::CaptureStderr();
-    const bool bound = second.Bind(Loopback(port), KySocket::Stream, false, 3, true);
-    const std::string notice = testing::internal::GetCapturedStderr();
-    release.join();
-    EXPECT_TRUE(bound);
-    EXPECT_EQ(notice, "A socket is still in use, attempting 3 retries...\n");
-}
-
+// A socket never opened fails each call with the call spelt out.
 TEST(KySocket, DatagramsReportTheirIOResults) {
-    KySocket receiver;
+    KySocket receiver, sender;
     const unsigned port = BindLoopback(receiver, KySocket::Datagram);
-    KySocket sender;
     BindLoopback(sender, KySocket::Datagram);
-
     long count = 0;
     EXPECT_EQ(sender.WriteMessage("load", 4, count, Loopback(port)), ioComplete);
     char got[16];
     KyInetAddr from;
     EXPECT_EQ(receiver.ReadMessage(got, sizeof got, count, from), ioPartial);
-    EXPECT_EQ(count, 4);
-    EXPECT_EQ(std::string(got, 4), "load");
-    KyInetAddr senderSide;
-    sender.LocalAddress(senderSide);
-    EXPECT_TRUE(from == senderSide);
-
-    EXPECT_EQ(sender.WriteMessage("", 0, count, Loopback(port)), ioEndOfFile);
+    EXPECT_EQ(std::string(got, count), "load");
 
     KySocket closed;
     EXPECT_EQ(closed.WriteMessage("x", 1, count, Loopback(9)), ioError);
-    EXPECT_EQ(Utf8(closed.LastError().Function()), "sendto");
-    const std::string arguments = Utf8(closed.LastError().Arguments());
-    EXPECT_EQ(arguments.substr(0, 3), "-1,");
-    EXPECT_EQ(arguments.substr(arguments.size() - 17), ",1,127.0.0.1:9,16");
-}
-
-TEST(KySocket, OptionFailuresSpellTheCall) {
-    KySocket none;
-    EXPECT_FALSE(none.SetReuseAddress(true));
-    EXPECT_EQ(Utf8(none.LastError().Function()), "setsockopt");
-    EXPECT_EQ(Utf8(none.LastError().Arguments()),
-              "-1,SOL_SOCKET(1),SO_REUSEADDR(2),(char*)(int 1),4");
-
-    unsetenv("VTL_SET_IP_TOS");
-    EXPECT_TRUE(none.SetTypeOfService(KySocket::ServiceThroughput));
-    setenv("VTL_SET_IP_TOS", "", 1);
-    EXPECT_TRUE(none.SetTypeOfService(KySocket::ServiceNone));
-    EXPECT_FALSE(none.SetTypeOfService(KySocket::ServiceThroughput));
-    EXPECT_EQ(Utf8(none.LastError().Arguments()), "-1,IPPROTO_IP(0),IP_TOS(1),(char*)(int 8),4");
-    EXPECT_FALSE(none.SetTypeOfService(KySocket::ServiceLowDelay));
-    EXPECT_EQ(Utf8(none.LastError().Arguments()), "-1,IPPROTO_IP(0),IP_TOS(1),(char*)(int 16),4");
-
-    KySocket udp;
-    BindLoopback(udp, KySocket::Datagram);
-    EXPECT_TRUE(udp.SetTypeOfService(KySocket::ServiceReliability));
-    unsetenv("VTL_SET_IP_TOS");
+    EXPECT_EQ(closed.LastError().Function(), "sendto");
+    EXPECT_FALSE(closed.SetReuseAddress(true));
+    EXPECT_EQ(closed.LastError().Arguments(), "-1,SOL_SOCKET(1),SO_REUSEADDR(2),(char*)(int 1),4");
 }
 
 TEST(KyDNS, DottedDecimalAndLocalNamesResolveWithoutTheNetwork) {
     KyDList<KyInetAddr> list;
-    list.Insert(KyInetAddr(1, 1, 1, 1));
+    list.Insert(KyInetAddr(1, 1, 1, 1)); // replaced by the answer
     EXPECT_EQ(KyDNS::GetAddressList("10.1.2.3", list), KyDNS::Ok);
     ASSERT_EQ(list.Length(), 1u);
-    EXPECT_EQ(Utf8(list[0].AsString()), "10.1.2.3");
+    EXPECT_EQ(list[0].AsString(), "10.1.2.3");
 
+    const int missing = KyDNS::GetAddressList("no-such-host.invalid", list);
+    EXPECT_TRUE(missing == KyDNS::HostNotFound || missing == KyDNS::TryAgain) << missing;
+    EXPECT_EQ(list.Length(), 1u) << "a failed look-up leaves the list alone";
+
+    if (!LocalhostResolves())
+        GTEST_SKIP() << kNoLocalhost;
     ASSERT_EQ(KyDNS::GetAddressList("localhost", list), KyDNS::Ok);
     bool loopback = false;
     for (const KyInetAddr& a : list)
         loopback = loopback || a.IsAddressEqual(KyInetAddr::AddressLoopback());
     EXPECT_TRUE(loopback);
-
-    const std::size_t found = list.Length();
-    const int missing = KyDNS::GetAddressList("no-such-host.invalid", list);
-    EXPECT_TRUE(missing == KyDNS::HostNotFound || missing == KyDNS::TryAgain) << missing;
-    EXPECT_EQ(list.Length(), found) << "a failed look-up leaves the list alone";
 }
 
+// Nothing in the daemon installs the cache: its negative entries and expiry, briefly.
 TEST(KyDNSCache, StoresNegativeEntriesAndExpiresEvery200thLookup) {
     KyDNSCache cache(0);
     KyDNS::SetCache(&cache);
     KyDList<KyInetAddr> list;
     const int missing = KyDNS::GetAddressList("cache-test.invalid", list);
-    ASSERT_EQ(cache.NameCount(), 1u);
-    // The second look-up is answered from the negative entry with the same code.
-    EXPECT_EQ(KyDNS::GetAddressList("cache-test.invalid", list), missing);
-    // Absolute names are asked for, and cached, with their trailing dot.
-    KyDNS::GetAddressList("absolute.invalid", list, true);
-    EXPECT_NE(cache.FindByName("absolute.invalid."), nullptr);
-    ASSERT_EQ(KyDNS::GetAddressList("localhost", list), KyDNS::Ok);
-    ASSERT_NE(cache.FindByName("localhost"), nullptr);
-    EXPECT_NE(cache.FindByAddress(list[0]), nullptr);
-    EXPECT_EQ(KyDNS::GetAddressList("10.0.0.1", list), KyDNS::Ok);
-    EXPECT_EQ(cache.Lookups(), 4u) << "dotted decimal bypasses the cache";
-
+    KyDNS::GetAddressList("other.invalid", list);
     while (cache.Lookups() < 199)
-        KyDNS::GetAddressList("localhost", list);
-    EXPECT_EQ(cache.NameCount(), 3u);
-    KyDNS::GetAddressList("localhost", list);
-    EXPECT_EQ(cache.FindByName("cache-test.invalid"), nullptr);
-    EXPECT_EQ(cache.FindByName("absolute.invalid."), nullptr);
-    EXPECT_NE(cache.FindByName("localhost"), nullptr);
+        EXPECT_EQ(KyDNS::GetAddressList("cache-test.invalid", list), missing);
+    EXPECT_EQ(cache.NameCount(), 2u);
+    // The 200th look-up empties the cache before it asks, so only its own name is back.
+    KyDNS::GetAddressList("cache-test.invalid", list);
+    EXPECT_EQ(cache.NameCount(), 1u);
     KyDNS::SetCache(nullptr);
 }
 

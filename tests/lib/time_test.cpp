@@ -1,4 +1,4 @@
-// Time values: normalising, carrying arithmetic, ordering and the RFC 1123 date form,
+// Time values: normalising, carrying arithmetic, reading the clock and the RFC 1123 date form,
 // which only exists where the local zone is UTC, however often the zone changes.
 #include "lib/time.h"
 
@@ -15,23 +15,21 @@
 
 namespace {
 
+// Puts TZ back as it was at the end of a scope; Set changes it, or unsets it for nullptr.
 class ZoneGuard {
 public:
-    explicit ZoneGuard(const char* zone) {
-        const char* old = std::getenv("TZ");
-        had_ = old != nullptr;
-        if (had_)
-            old_ = old;
-        zone != nullptr ? setenv("TZ", zone, 1) : unsetenv("TZ");
-        tzset();
+    explicit ZoneGuard(const char* zone) : had_(std::getenv("TZ") != nullptr) {
+        old_ = had_ ? std::getenv("TZ") : "";
+        Set(zone);
     }
-    ~ZoneGuard() {
-        had_ ? setenv("TZ", old_.c_str(), 1) : unsetenv("TZ");
+    ~ZoneGuard() { Set(had_ ? old_.c_str() : nullptr); }
+    static void Set(const char* zone) {
+        zone != nullptr ? setenv("TZ", zone, 1) : unsetenv("TZ");
         tzset();
     }
 
 private:
-    bool had_ = false;
+    bool had_;
     std::string old_;
 };
 
@@ -39,34 +37,15 @@ TEST(TimeVal, NormalisesAndCarries) {
     const KyTimeVal t(5, 2500000);
     EXPECT_EQ(t.Seconds(), 7u);
     EXPECT_EQ(t.Microseconds(), 500000u);
-
-    KyTimeVal sum(1, 700000);
-    sum += KyTimeVal(2, 400000);
-    EXPECT_EQ(sum, KyTimeVal(4, 100000));
-    sum += 10u;
-    EXPECT_EQ(sum, KyTimeVal(14, 100000));
-
-    KyTimeVal difference(4, 100000);
-    difference -= KyTimeVal(1, 700000);
-    EXPECT_EQ(difference, KyTimeVal(2, 400000));
-
-    timeval tv{3, 1999999};
+    KyTimeVal sum(1, 600000);
+    sum += KyTimeVal(2, 400000); // a carry of exactly one second
+    EXPECT_EQ(sum, KyTimeVal(4, 0));
+    sum -= KyTimeVal(1, 700000);
+    EXPECT_EQ(sum, KyTimeVal(2, 300000));
     KyTimeVal fromTv;
-    fromTv = tv;
+    fromTv = timeval{3, 1999999};
     EXPECT_EQ(fromTv, KyTimeVal(4, 999999));
-    EXPECT_EQ(fromTv.Time().tv_usec, 999999);
-}
-
-TEST(TimeVal, OrdersBySecondsThenMicroseconds) {
-    EXPECT_TRUE(KyTimeVal(1, 999999) < KyTimeVal(2, 0));
-    EXPECT_TRUE(KyTimeVal(2, 1) > KyTimeVal(2, 0));
-    EXPECT_TRUE(KyTimeVal(2, 5) <= KyTimeVal(2, 5));
-    EXPECT_FALSE(KyTimeVal(3, 0) <= KyTimeVal(2, 999999));
-
-    const KyTimeVal before;
-    const KyTimeVal after;
-    EXPECT_LE(before, after);
-    EXPECT_GT(before.Seconds(), 1600000000u) << "default construction reads the clock";
+    EXPECT_GT(KyTimeVal().Seconds(), 1600000000u) << "default construction reads the clock";
 }
 
 // The date form checked against the C library's own UTC calendar, across leap years,
@@ -80,12 +59,13 @@ std::string gmtimeText(std::uint32_t seconds) {
 }
 
 TEST(TimeVal, Rfc1123FollowsTheZoneAsItChanges) {
+    const ZoneGuard restore(nullptr);
     std::vector<std::uint32_t> seconds = {0,          59,         951782399,  951782400, 4107542399,
                                           4107542400, 2147483647, 2147483648, 4294967295};
     for (std::uint64_t s = 12345; s <= 0xFFFFFFFFu; s += 86400ull * 97 + 3671)
         seconds.push_back(static_cast<std::uint32_t>(s));
     for (const char* zone : {"UTC", ":Etc/UTC", "GMT0"}) {
-        ZoneGuard utc(zone);
+        ZoneGuard::Set(zone);
         for (std::uint32_t s : seconds) {
             std::array<char, KyTimeVal::RFC1123Capacity> text;
             ASSERT_EQ(KyTimeVal(s, 0).FormatRFC1123(text), gmtimeText(s)) << zone << " " << s;
@@ -95,22 +75,16 @@ TEST(TimeVal, Rfc1123FollowsTheZoneAsItChanges) {
     // Each switch must be noticed, also back to a zone seen before.
     const KyTimeVal winter(784111777, 0), summer(773000000, 0);
     for (int round = 0; round < 2; ++round) {
-        {
-            ZoneGuard utc("UTC");
-            EXPECT_EQ(summer.AsRFC1123(), gmtimeText(773000000).c_str());
-        }
-        {
-            ZoneGuard newYork("EST5EDT");
-            EXPECT_EQ(winter.AsRFC1123(), "");
-            EXPECT_EQ(summer.AsRFC1123(), "");
-        }
-        {
-            // A zone with daylight saving gets its date from mktime, which finds UTC in winter.
-            ZoneGuard london("GMT0BST,M3.5.0/1,M10.5.0");
-            EXPECT_EQ(winter.AsRFC1123(), "Sun, 06 Nov 1994 08:49:37 GMT");
-        }
+        ZoneGuard::Set("UTC");
+        EXPECT_EQ(summer.AsRFC1123(), gmtimeText(773000000).c_str());
+        ZoneGuard::Set("EST5EDT");
+        EXPECT_EQ(winter.AsRFC1123(), "");
+        EXPECT_EQ(summer.AsRFC1123(), "");
+        // A zone with daylight saving gets its date from mktime, which finds UTC in winter.
+        ZoneGuard::Set("GMT0BST,M3.5.0/1,M10.5.0");
+        EXPECT_EQ(winter.AsRFC1123(), "Sun, 06 Nov 1994 08:49:37 GMT");
         // Unset, the system zone decides: a date exactly where it keeps UTC in winter.
-        ZoneGuard system(nullptr);
+        ZoneGuard::Set(nullptr);
         const std::time_t clock = winter.Seconds();
         std::tm local{};
         localtime_r(&clock, &local);

@@ -42,6 +42,12 @@ TEST(RefusalLog, OncePerMinutePerAddressWithBoundedMemory) {
     EXPECT_TRUE(log.note(second, 3579, start + KyTimeVal(1, 0)));
     EXPECT_TRUE(log.note(first, 3579, start + KyTimeVal(60, 0)));
 
+    // A full table forgets only the addresses logged more than a minute ago.
+    for (std::uint32_t i = 0; i < RefusalLog::PRUNE_AT - 2; ++i)
+        log.note(KyInetAddr(address("11.0.0.0") + i), 3579, start);
+    EXPECT_TRUE(log.note(second, 3579, start + KyTimeVal(61, 0)));
+    EXPECT_FALSE(log.note(first, 3579, start + KyTimeVal(62, 0)));
+
     for (std::uint32_t i = 0; i < 3 * RefusalLog::PRUNE_AT; ++i)
         log.note(KyInetAddr(address("11.0.0.0") + i), 3579, start);
     EXPECT_LE(log.remembered(), RefusalLog::PRUNE_AT);

@@ -46,33 +46,31 @@ TEST(CacheTest, AveragesTheNewestSamplesDividingByWhatIsThere) {
     EXPECT_EQ(cache.getAverageOfNIdleValues(0), nullptr);
 }
 
-TEST(CacheTest, RoundsHalvesToEven) {
+TEST(CacheTest, RoundsHalvesToEvenAndConvertsMemoryToMbOnlyAfterAveraging) {
     Cache low(10, 0, 0);
     addIdle(low, 40);
     addIdle(low, 41);
     EXPECT_EQ(low.getAverageOfNIdleValues(2)->getIdle(), 40u);
 
     Cache high(10, 0, 0);
-    high.addToCache(41, 1536, 2560, 1, 2);
-    high.addToCache(42, 1536, 2560, 2, 5);
+    high.addToCache(41, 1536, 2560, 2, 2);
+    high.addToCache(42, 1536, 2560, 3, 5);
     auto packet = high.getAverageOfNIdleValues(2);
     EXPECT_EQ(packet->getIdle(), 42u);
     EXPECT_EQ(packet->getVirtualMemFree(), 2u) << "1.5 Mb";
     EXPECT_EQ(packet->getPhysMemFree(), 2u) << "2.5 Mb";
-    EXPECT_EQ(packet->getSwappedIn(), 2u) << "1.5";
+    EXPECT_EQ(packet->getSwappedIn(), 2u) << "2.5";
     EXPECT_EQ(packet->getSwappedOut(), 4u) << "3.5";
-}
 
-TEST(CacheTest, ConvertsMemoryToMbOnlyAfterAveraging) {
-    Cache cache(10, 0, 0);
     // Each sample alone is under half a Mb, so converting per sample would give 0.
-    cache.addToCache(0, 500, 1000, 0, 0);
-    cache.addToCache(0, 500, 1000, 0, 0);
-    cache.addToCache(0, 1100, 2400, 0, 0);
-    auto packet = cache.getAverageOfNIdleValues(3);
+    Cache small(10, 0, 0);
+    small.addToCache(0, 500, 1000, 0, 0);
+    small.addToCache(0, 500, 1000, 0, 0);
+    small.addToCache(0, 1100, 2400, 0, 0);
+    packet = small.getAverageOfNIdleValues(3);
     EXPECT_EQ(packet->getVirtualMemFree(), 1u);
     EXPECT_EQ(packet->getPhysMemFree(), 1u);
-    EXPECT_EQ(cache.getLastVmemFree(), 1100u);
+    EXPECT_EQ(small.getLastVmemFree(), 1100u);
 }
 
 } // namespace

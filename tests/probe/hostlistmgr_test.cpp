@@ -2,6 +2,7 @@
 // percent-change rule, the tool parameters derived from the subscriptions, and expiry.
 #include <gtest/gtest.h>
 
+#include "probe/adminstate.h"
 #include "tests/probe/subscription_world.h"
 
 namespace {
@@ -54,14 +55,21 @@ TEST(HostRegistry, PercentChangeNeedsBothIdleDifferencesTakenAbsolute) {
     const struct {
         unsigned samples, runAverage;
         bool sends;
-    } steps[] = {{45, 38, false}, {38, 38, true}, {40, 40, false}, {60, 60, true}};
-    for (auto const& step : steps) { // last idle 50, then 38 and 60 once sent
+    } steps[] = {{45, 38, false}, {38, 38, true}, {40, 40, false}, {60, 60, true}, {10, 10, true}};
+    for (auto const& step : steps) { // last idle 50, then 38, 60 and 10 once sent
         fillCache(step.samples, 0);
         HostListMgr::percentChangeCheck(step.runAverage);
         EXPECT_EQ(receiver.Receive(step.sends ? 2000 : 100).has_value(), step.sends)
             << step.samples << " " << step.runAverage;
     }
-    EXPECT_EQ(host->getLastIdle(), 60u);
+    // Out of rotation a run reads as no idle at all: a fall of exactly the percentage is sent.
+    AdminState drained{KyUniString("/nonexistent/hostgauge-test")};
+    drained.set(AdminState::Mode::Drain);
+    myAdminState = &drained;
+    HostListMgr::percentChangeCheck(10);
+    myAdminState = nullptr;
+    EXPECT_TRUE(receiver.Receive());
+    EXPECT_EQ(host->getLastIdle(), 0u);
 }
 
 TEST(HostRegistry, VirtualMemoryTestScalesByTheConfiguredMaximum) {

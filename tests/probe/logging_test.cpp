@@ -19,7 +19,6 @@ std::string Named(LogTempDir const& dir, std::string const& extension) {
 TEST(ProbeLogging, DefaultFilterRoutesByLevel) {
     LogTempDir dir;
     Logging logging(KyUniString(dir.Path()), Bootstrap::DEFAULT_LOGFILTER);
-    EXPECT_TRUE(logging.isInitialised());
     LogStarted();
     EXPECT_TRUE(std::filesystem::is_empty(Named(dir, ".jsl"))) << "made at start-up";
     testing::internal::CaptureStderr();
@@ -29,10 +28,8 @@ TEST(ProbeLogging, DefaultFilterRoutesByLevel) {
     KyLog::Flush();
     const std::string console = testing::internal::GetCapturedStderr();
 
-    const auto plain = ParseRecords(ReadWhole(Named(dir, ".log")));
-    ASSERT_EQ(plain.size(), 4u);
-    EXPECT_EQ(plain[1].category, "hostgauge/listener/info");
-    EXPECT_EQ(plain[3].category, "hostgauge/listener/fatalerror");
+    EXPECT_EQ(ParseRecords(ReadWhole(Named(dir, ".log"))).size(), 4u)
+        << "every level reaches the plain file";
     const std::string jsl = ReadWhole(Named(dir, ".jsl"));
     EXPECT_EQ(jsl.find("10.0.0.1"), std::string::npos);
     EXPECT_NE(jsl.find("category=hostgauge/child/error,"), std::string::npos);
@@ -41,33 +38,17 @@ TEST(ProbeLogging, DefaultFilterRoutesByLevel) {
     EXPECT_NE(console.find("Failed to bind to port 3579, reason in use."), std::string::npos);
 }
 
-TEST(ProbeLogging, FilterMatchingNothingWritesNothing) {
-    LogTempDir dir;
-    Logging logging(KyUniString(dir.Path()), "other/*/*:x.log,hostgauge/*/nolevel:y.log");
-    LogStarted();
-    EXPECT_TRUE(std::filesystem::is_empty(dir / "x.log"));
-    EXPECT_TRUE(std::filesystem::is_empty(dir / "y.log"));
-}
-
-TEST(ProbeLogging, FlushAndReopenStartFreshFilesWhereTheOldOnesWereMovedAway) {
+// SIGHUP's path: records queued before it go to the moved file, later ones to a new file.
+TEST(ProbeLogging, FlushLogsStartsAFreshFileWhereTheOldOneWasMovedAway) {
     LogTempDir dir;
     Logging logging(KyUniString(dir.Path()), "*/*/*:p.log");
     LogStarted();
     std::filesystem::rename(dir / "p.log", dir / "old.log");
     logging.flushLogs();
     LogStopped(604);
-    std::filesystem::rename(dir / "p.log", dir / "older.log");
-    logging.reOpenLogs();
-    EXPECT_TRUE(logging.isInitialised());
-    LogExitSignal("SIGTERM");
     KyLog::Flush();
     EXPECT_EQ(ParseRecords(ReadWhole(dir / "old.log")).size(), 1u);
-    const auto second = ParseRecords(ReadWhole(dir / "older.log"));
-    ASSERT_EQ(second.size(), 1u);
-    EXPECT_EQ(second[0].text, "Hostgauge stopped - exitcode 604.");
-    const auto third = ParseRecords(ReadWhole(dir / "p.log"));
-    ASSERT_EQ(third.size(), 1u);
-    EXPECT_EQ(third[0].text, "The hostgauge was stopped by signal SIGTERM.");
+    EXPECT_EQ(ParseRecords(ReadWhole(dir / "p.log")).size(), 1u);
 }
 
 } // namespace

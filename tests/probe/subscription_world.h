@@ -9,6 +9,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "lib/eventloop.h"
 #include "lib/socket.h"
@@ -25,23 +26,20 @@ using Settings = std::map<std::string, std::string>;
 
 class SubscriptionWorld {
 public:
-    // 4 processors timed at 1992099 us for 2^30 turns rate 4312, a recognisable figure.
-    static constexpr int BOGO = 4312;
-
     explicit SubscriptionWorld(Settings const& overrides = {}) {
         Settings settings = {{"logdirectory", dir_.Path()}, {"logfilter", "*/*/*:probe.log"},
                              {"samplerate", "5"},           {"windowsize", "10"},
                              {"hostlifetime", "100"},       {"maxvirtualmemory", "2048"},
                              {"maxphysicalmemory", "1024"}};
+        for (auto const& [key, value] : overrides)
+            settings[key] = value;
         std::string text;
-        for (auto const& [key, value] : settings) {
-            const auto over = overrides.find(key);
-            text += "corvane.config.hostspread." + key + "=" +
-                    (over == overrides.end() ? value : over->second) + "\n";
-        }
+        for (auto const& [key, value] : settings)
+            text += "corvane.config.hostspread." + key + "=" + value + "\n";
         WriteWhole(dir_ / "hostspread.properties", text);
         myBootstrap = new Bootstrap(KyUniString(dir_.Path()), 1);
         myCache = new Cache(1, myBootstrap->getMaxVirtualMem(), myBootstrap->getMaxPhysMem());
+        // 4 processors timed at 1992099 us for 2^30 turns rate 4312, a recognisable figure.
         myBogomips = new Bogomips(
             4, 100, [](int loops) -> std::clock_t { return loops >= (1 << 30) ? 1992099 : 0; });
         myBogomips->calculate();
@@ -53,8 +51,11 @@ public:
         while (!HostListMgr::getHostList().empty()) {
             HostListMgr::removeHost(HostListMgr::getHostList().front()->getId());
         }
-        drop(myResponder), drop(myChildManager), drop(myBogomips), drop(myCache);
-        drop(myBootstrap);
+        delete std::exchange(myResponder, nullptr);
+        delete std::exchange(myChildManager, nullptr);
+        delete std::exchange(myBogomips, nullptr);
+        delete std::exchange(myCache, nullptr);
+        delete std::exchange(myBootstrap, nullptr);
         bootLogger.reset();
     }
     SubscriptionWorld(SubscriptionWorld const&) = delete;
@@ -65,11 +66,6 @@ public:
     }
 
 private:
-    template <typename T>
-    static void drop(T*& object) {
-        delete object;
-        object = nullptr;
-    }
     LogTempDir dir_;
 };
 
@@ -82,7 +78,6 @@ public:
         socket_.LocalAddress(address_);
     }
     unsigned Port() const { return address_.GetPort(); }
-    KyInetAddr const& Address() const { return address_; }
     // The next datagram's text, or nothing when none arrives within the wait.
     std::optional<std::string> Receive(int waitMs = 2000) {
         pollfd ready{socket_.FileDescriptor(), POLLIN, 0};

@@ -26,93 +26,89 @@ protected:
     void TearDown() override { myCache = nullptr; }
 
     // Feeds one chunk as ChildManager does: a writable, NUL-terminated copy.
-    bool feed(const std::string& chunk, int& result) {
+    bool feed(const std::string& chunk) {
         std::string text = chunk;
         return filter.doFiltering(text.data(), static_cast<int>(text.size()), result);
     }
 
     Cache cache{10, 1u << 30, 1u << 30};
     VmstatFilter filter{2000000, 1000000};
+    int result = 0;
 };
 
 TEST_F(VmstatFilterTest, SkipsThreeLinesPerRunAcrossCalls) {
-    int result = 0;
-    EXPECT_FALSE(feed("", result));
-    EXPECT_FALSE(feed("kthr memory", result)) << "an unterminated heading is not complete";
+    EXPECT_FALSE(feed(""));
+    EXPECT_FALSE(feed("kthr memory")) << "an unterminated heading is not complete";
 
     filter.resetFilter();
     const auto secondLineEnd = kHeaders.find('\n', kHeaders.find('\n') + 1) + 1;
-    EXPECT_TRUE(feed(kHeaders.substr(0, secondLineEnd), result));
+    EXPECT_TRUE(feed(kHeaders.substr(0, secondLineEnd)));
     EXPECT_EQ(result, -1);
-    EXPECT_TRUE(feed(kHeaders.substr(secondLineEnd), result));
+    EXPECT_TRUE(feed(kHeaders.substr(secondLineEnd)));
     EXPECT_EQ(result, -1);
     EXPECT_EQ(cache.getLength(), 0u) << "the since-boot sample is not cached";
 
-    EXPECT_TRUE(feed(sample(40), result)) << "headers stay skipped for the rest of the run";
+    EXPECT_TRUE(feed(sample(40))) << "headers stay skipped for the rest of the run";
     EXPECT_EQ(result, 40);
     EXPECT_EQ(cache.getLength(), 1u);
 
     filter.resetFilter();
-    EXPECT_TRUE(feed(sample(7) + sample(8) + sample(9) + sample(60), result));
+    EXPECT_TRUE(feed(sample(7) + sample(8) + sample(9) + sample(60)));
     EXPECT_EQ(result, 60) << "a new run skips its first three lines again";
 }
 
 TEST_F(VmstatFilterTest, AveragesTheRunWithTiesToEvenAndCapsIdle) {
-    int result = 0;
-    ASSERT_TRUE(feed(kHeaders + sample(50) + sample(51), result));
+    ASSERT_TRUE(feed(kHeaders + sample(50) + sample(51)));
     EXPECT_EQ(result, 50);
 
     filter.resetFilter();
-    ASSERT_TRUE(feed(kHeaders + sample(51), result));
-    ASSERT_TRUE(feed(sample(52), result)) << "the sum carries across calls of one run";
+    ASSERT_TRUE(feed(kHeaders + sample(51)));
+    ASSERT_TRUE(feed(sample(52))) << "the sum carries across calls of one run";
     EXPECT_EQ(result, 52);
 
     filter.resetFilter();
-    ASSERT_TRUE(feed(kHeaders + sample(101), result));
+    ASSERT_TRUE(feed(kHeaders + sample(101)));
     EXPECT_EQ(result, 100);
     EXPECT_EQ(cache.getLastIdle(), 100u);
-    ASSERT_TRUE(feed(sample(-1), result)) << "negative idle compares as a huge unsigned";
+    ASSERT_TRUE(feed(sample(-1))) << "negative idle compares as a huge unsigned";
     EXPECT_EQ(cache.getLastIdle(), 100u);
 }
 
 TEST_F(VmstatFilterTest, RejectsMoreThanThreeSuccessiveBadLines) {
-    int result = 0;
     const std::string bad = "procs -----------memory----------\n";
     const std::string shortLine = "1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21\n";
     const std::string wordInside = "1 2 3 x 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22\n";
-    EXPECT_TRUE(feed(kHeaders + bad + shortLine + wordInside + sample(20), result));
+    EXPECT_TRUE(feed(kHeaders + bad + shortLine + wordInside + sample(20)));
     EXPECT_EQ(result, 20);
 
-    EXPECT_TRUE(feed(bad + bad + bad + sample(30) + bad + bad + bad + sample(40), result))
+    EXPECT_TRUE(feed(bad + bad + bad + sample(30) + bad + bad + bad + sample(40)))
         << "a good line restarts the count";
     EXPECT_EQ(result, 30);
 
     const auto cached = cache.getLength();
-    EXPECT_FALSE(feed(sample(90) + bad + bad + bad + bad + sample(10), result));
+    EXPECT_FALSE(feed(sample(90) + bad + bad + bad + bad + sample(10)));
     EXPECT_EQ(cache.getLength(), cached + 1) << "lines before the rejection stay cached";
 }
 
 TEST_F(VmstatFilterTest, UnterminatedLastLineEndsTheCall) {
-    int result = 0;
     std::string text = kHeaders + sample(10) + sample(20);
     text.pop_back();
-    EXPECT_FALSE(feed(text, result));
+    EXPECT_FALSE(feed(text));
     EXPECT_EQ(cache.getLength(), 2u) << "complete lines are cached before the refusal";
 
     std::string partial = "0 0 0 1 2";
-    EXPECT_FALSE(feed(partial, result));
+    EXPECT_FALSE(feed(partial));
 
     const std::string extra = "1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24\n";
-    EXPECT_TRUE(feed(extra, result)) << "columns past the 22nd are ignored";
+    EXPECT_TRUE(feed(extra)) << "columns past the 22nd are ignored";
     EXPECT_EQ(cache.getLastIdle(), 22u);
 }
 
 TEST_F(VmstatFilterTest, RaisesTheMemoryMaximaWhenExceeded) {
-    int result = 0;
-    ASSERT_TRUE(feed(kHeaders + sample(50, 3000000, 1500000), result));
+    ASSERT_TRUE(feed(kHeaders + sample(50, 3000000, 1500000)));
     EXPECT_EQ(filter.getMaxVirtualMem(), 3000000u);
     EXPECT_EQ(filter.getMaxPhysMem(), 1500000u);
-    ASSERT_TRUE(feed(sample(50, 2500000, 900000), result));
+    ASSERT_TRUE(feed(sample(50, 2500000, 900000)));
     EXPECT_EQ(filter.getMaxVirtualMem(), 3000000u) << "the maxima never fall";
     EXPECT_EQ(filter.getMaxPhysMem(), 1500000u);
 }

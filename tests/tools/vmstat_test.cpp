@@ -5,12 +5,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -19,62 +18,41 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const std::string kTool = std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-vmstat";
-
-// The tool run through the shell with its stdout on a pipe and its stderr in a file.
-class Tool {
-public:
-    Tool(const std::vector<std::string>& args, const fs::path& errors) : errors_(errors) {
-        std::string command = kTool;
-        for (const auto& arg : args)
-            command += " '" + arg + "'";
-        out_ = popen((command + " 2>'" + errors.string() + "'").c_str(), "r");
-    }
-    ~Tool() {
-        if (out_)
-            pclose(out_);
-    }
-    std::string ReadLine() {
-        char line[4096];
-        return fgets(line, sizeof line, out_) ? std::string(line, strcspn(line, "\n")) : "";
-    }
-    std::string ReadAll() {
-        std::string text;
-        for (int c; (c = fgetc(out_)) != EOF;)
-            text += static_cast<char>(c);
-        return text;
-    }
-    std::string Errors() const {
-        std::ifstream in(errors_);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    }
-    // Closes the pipe first, so a tool still writing meets a closed reader.
-    int Wait() {
-        const int status = pclose(out_);
-        out_ = nullptr;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    fs::path errors_;
-    FILE* out_ = nullptr;
+struct Output {
+    std::vector<std::string> lines;
+    std::string errors;
+    int status = -1;
 };
 
-std::vector<int> Ints(const std::string& text) {
-    std::istringstream in(text);
+// Runs the tool with its stderr in `errors`. `beforeLine(n)` is asked before the n-th line
+// is read; false closes the pipe there, so a tool still writing meets a closed reader.
+Output RunTool(const std::vector<std::string>& args, const fs::path& errors,
+           const std::function<bool(std::size_t)>& beforeLine = {}) {
+    std::string command = std::string(HOSTGAUGE_TOOLS_DIR) + "/hostgauge-vmstat";
+    for (const auto& arg : args)
+        command += " '" + arg + "'";
+    FILE* out = popen((command + " 2>'" + errors.string() + "'").c_str(), "r");
+    Output output;
+    char line[4096];
+    while ((!beforeLine || beforeLine(output.lines.size())) && fgets(line, sizeof line, out))
+        output.lines.emplace_back(line, strcspn(line, "\n"));
+    const int status = pclose(out);
+    output.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    std::ifstream in(errors);
+    output.errors.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    return output;
+}
+
+// A sample line as the daemon's filter reads it: exactly 22 integers.
+std::vector<int> Columns(const std::string& line) {
+    std::istringstream in(line);
     std::vector<int> values;
     for (int v; in >> v;)
         values.push_back(v);
-    EXPECT_TRUE(in.eof()) << text;
+    EXPECT_TRUE(in.eof()) << line;
+    EXPECT_EQ(values.size(), 22u) << line;
+    values.resize(22);
     return values;
-}
-
-// Reads a sample line the way the daemon's filter does: exactly 22 integers.
-std::vector<int> Columns(const std::string& line) {
-    auto cols = Ints(line);
-    EXPECT_EQ(cols.size(), 22u) << line;
-    cols.resize(22);
-    return cols;
 }
 
 struct Counters {
@@ -120,24 +98,28 @@ protected:
     }
     void TearDown() override { fs::remove_all(dir_); }
 
+    // The since-boot line of a -S run on a tree of these counters.
     std::vector<int> BootLine(const Counters& c) {
         WriteTree(dir_ / "one", c);
-        Tool tool({"-S", "-P", (dir_ / "one").string()}, Errors());
-        tool.ReadLine(), tool.ReadLine();
-        auto cols = Columns(tool.ReadLine());
-        EXPECT_EQ(tool.Wait(), 0) << tool.Errors();
-        return cols;
+        const auto output = RunTool({"-S", "-P", (dir_ / "one").string()}, errors());
+        EXPECT_EQ(output.status, 0) << output.errors;
+        return Columns(output.lines.size() == 3 ? output.lines[2] : "");
     }
-
-    fs::path Errors() const { return dir_ / "stderr"; }
+    fs::path errors() const { return dir_ / "stderr"; }
 
     fs::path dir_;
     Counters base_;
 };
 
-TEST_F(VmstatTool, SinceBootLineAveragesOverTheUptime) {
+TEST_F(VmstatTool, SinceBootLineAveragesOverTheUptimeAndTakesTheFirstFourWholeDisks) {
     EXPECT_EQ(BootLine(base_),
-              Ints("2 1 0 750000 500000 20 10 80 40 8000 0 50 50 10 0 0 400 0 800 12 13 75"));
+              Columns("2 1 0 750000 500000 20 10 80 40 8000 0 50 50 10 0 0 400 0 800 12 13 75"));
+    base_.diskstats = Disk("ram1", 50, 50) + Disk("sda", 50, 0) + Disk("sdb", 0, 100) +
+                      Disk("sda1", 50, 50) + Disk("mmcblk0", 150, 0) + Disk("mmcblk0p1", 5, 5) +
+                      Disk("dm-0", 200, 0) + Disk("sdc", 900, 0);
+    const auto cols = BootLine(base_);
+    EXPECT_EQ((std::vector<int>(cols.begin() + 12, cols.begin() + 16)),
+              (std::vector<int>{1, 2, 3, 4}));
 }
 
 TEST_F(VmstatTool, IntervalLineUsesDeltasOverTheElapsedJiffies) {
@@ -152,15 +134,17 @@ TEST_F(VmstatTool, IntervalLineUsesDeltasOverTheElapsedJiffies) {
     WriteTree(dir_ / "snap1", next);
     fs::create_directory_symlink("snap0", dir_ / "proc");
 
-    Tool tool({"-P", (dir_ / "proc").string(), "1", "2"}, Errors());
-    for (int i = 0; i < 3; ++i)
-        tool.ReadLine();
-    fs::create_directory_symlink("snap1", dir_ / "proc.new");
-    fs::rename(dir_ / "proc.new", dir_ / "proc");
-    auto cols = Columns(tool.ReadLine());
-    EXPECT_EQ(cols, Ints("2 1 0 750000 500000 10 2 40 8 0 0 0 15 1 2 0 500 0 1000 10 10 80"));
-    EXPECT_EQ(tool.ReadAll(), "");
-    EXPECT_EQ(tool.Wait(), 0);
+    const auto output = RunTool({"-P", (dir_ / "proc").string(), "1", "2"}, errors(), [&](auto n) {
+        if (n == 3) { // the tool sleeps a second before its next line: the tree moves on
+            fs::create_directory_symlink("snap1", dir_ / "proc.new");
+            fs::rename(dir_ / "proc.new", dir_ / "proc");
+        }
+        return true;
+    });
+    ASSERT_EQ(output.lines.size(), 4u);
+    EXPECT_EQ(Columns(output.lines[3]),
+              Columns("2 1 0 750000 500000 10 2 40 8 0 0 0 15 1 2 0 500 0 1000 10 10 80"));
+    EXPECT_EQ(output.status, 0);
 }
 
 TEST_F(VmstatTool, CpuPercentagesSumToHundredWithIdleTakingTheRemainder) {
@@ -179,53 +163,37 @@ TEST_F(VmstatTool, CpuPercentagesSumToHundredWithIdleTakingTheRemainder) {
     }
 }
 
-TEST_F(VmstatTool, DiskColumnsTakeTheFirstFourWholeDisks) {
-    base_.diskstats = Disk("ram1", 50, 50) + Disk("sda", 50, 0) + Disk("sdb", 0, 100) +
-                      Disk("sda1", 50, 50) + Disk("mmcblk0", 150, 0) + Disk("mmcblk0p1", 5, 5) +
-                      Disk("dm-0", 200, 0) + Disk("sdc", 900, 0);
-    auto cols = BootLine(base_);
-    EXPECT_EQ((std::vector<int>(cols.begin() + 12, cols.begin() + 16)),
-              (std::vector<int>{1, 2, 3, 4}));
-}
-
-TEST_F(VmstatTool, CountGivesThatManyLinesThenExitsCleanly) {
+// The line count, usage errors, an unreadable tree, and a reader that closes its end after
+// one line of an endless run: a quiet exit.
+TEST_F(VmstatTool, ArgumentsDecideLinesAndExitStatus) {
     WriteTree(dir_ / "p", base_);
-    for (auto [args, lines] : {std::pair<std::vector<std::string>, int>{{}, 3},
-                               {{"1", "1"}, 3},
-                               {{"-S", "1", "3"}, 5}}) {
-        args.insert(args.begin(), {"-P", (dir_ / "p").string()});
-        Tool tool(args, Errors());
-        auto out = tool.ReadAll();
-        EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), lines) << out;
-        EXPECT_EQ(tool.Errors(), "");
-        EXPECT_EQ(tool.Wait(), 0);
+    const std::string tree = (dir_ / "p").string(), none = (dir_ / "none").string();
+    struct Case {
+        std::vector<std::string> args;
+        std::size_t lines;
+        int status;
+        std::string errors;
+    };
+    std::vector<Case> cases = {
+        {{"-P", tree}, 3, 0, ""},
+        {{"-P", tree, "1", "1"}, 3, 0, ""},
+        {{"-P", tree, "-S", "1", "3"}, 5, 0, ""},
+        {{"-P", none, "1", "2"}, 0, 1, "open(" + none + "/stat,O_RDONLY): "},
+    };
+    for (const auto& args : std::vector<std::vector<std::string>>{
+             {"abc"}, {"0"}, {"1", "0"}, {"1", "2", "3"}, {"-x"}, {"-1"}, {"2s"}, {"-P"}})
+        cases.push_back({args, 0, 2, "usage: hostgauge-vmstat [-S]"});
+    for (const auto& c : cases) {
+        const auto output = RunTool(c.args, errors());
+        EXPECT_EQ(output.lines.size(), c.lines) << c.args.back();
+        EXPECT_EQ(output.status, c.status) << c.args.back();
+        EXPECT_TRUE(c.errors.empty() ? output.errors.empty()
+                                     : output.errors.find(c.errors) != std::string::npos)
+            << c.args.back() << ": " << output.errors;
     }
-}
-
-TEST_F(VmstatTool, BadArgumentsGiveUsageAndStatusTwo) {
-    for (auto args : std::vector<std::vector<std::string>>{
-             {"abc"}, {"0"}, {"1", "0"}, {"1", "2", "3"}, {"-x"}, {"-1"}, {"2s"}, {"-P"}}) {
-        Tool tool(args, Errors());
-        EXPECT_EQ(tool.ReadAll(), "");
-        EXPECT_EQ(tool.Errors().rfind("usage: hostgauge-vmstat [-S]", 0), 0u) << args[0];
-        EXPECT_EQ(tool.Wait(), 2) << args[0];
-    }
-}
-
-TEST_F(VmstatTool, UnreadableTreeIsReportedWithTheFailingCall) {
-    Tool tool({"-P", (dir_ / "none").string(), "1", "2"}, Errors());
-    EXPECT_EQ(tool.ReadAll(), "");
-    EXPECT_NE(tool.Errors().find("open(" + (dir_ / "none/stat").string() + ",O_RDONLY): "),
-              std::string::npos);
-    EXPECT_EQ(tool.Wait(), 1);
-}
-
-TEST_F(VmstatTool, ClosedPipeEndsItQuietly) {
-    WriteTree(dir_ / "p", base_);
-    Tool tool({"-P", (dir_ / "p").string(), "1"}, Errors());
-    EXPECT_FALSE(tool.ReadLine().empty());
-    EXPECT_EQ(tool.Wait(), 0);
-    EXPECT_EQ(tool.Errors(), "");
+    const auto closed = RunTool({"-P", tree, "1"}, errors(), [](auto n) { return n < 1; });
+    EXPECT_EQ(closed.status, 0);
+    EXPECT_EQ(closed.errors, "");
 }
 
 } // namespace
