@@ -1,6 +1,5 @@
-// Containers: lists (packing after removal while walking, ownership of items), sparse
-// arrays and bit sets, the hash dictionary (growth, duplicates, removal) and the sorted
-// pointer list. Dictionary expiry and owning assocs run in the DNS cache's test.
+// Containers: lists (packing after removal while walking), sparse arrays and bit sets,
+// and the hash dictionary (growth, duplicates, removal).
 #include "lib/dlist.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +8,6 @@
 
 #include "lib/bitset.h"
 #include "lib/dictionary.h"
-#include "lib/sortedlist.h"
 #include "lib/sparsearray.h"
 
 namespace {
@@ -48,23 +46,6 @@ TEST(DList, RemovalWhileWalkingPacksAndKeepsInsertionOrder) {
 
     list.Flush();
     EXPECT_EQ(Walk(list), std::vector<int>{});
-}
-
-struct Counted {
-    explicit Counted(int& live) : live_(live) { ++live_; }
-    ~Counted() { --live_; }
-    int& live_;
-};
-
-TEST(IList, FlushDeletesOnlyWhenAsked) {
-    int live = 0;
-    KyIList<Counted> list;
-    Counted kept(live);
-    list.Insert(&kept);
-    list.Flush(false);
-    list.Insert(new Counted(live));
-    list.Flush(true);
-    EXPECT_EQ(live, 1);
 }
 
 // The list's storage: slots grow in steps and unset ones read as empty; the bits that
@@ -118,23 +99,6 @@ TEST(Dictionary, RefusesEqualItemsRemovesByKeyAndFindsAllAfterARebuild) {
     EXPECT_EQ(table.Find(Entry(13)), nullptr);
     table.Flush(true);
     EXPECT_EQ(table.Length(), 0u);
-}
-
-struct Stamp {
-    int time;
-    bool operator<(const Stamp& other) const { return time < other.time; }
-};
-
-TEST(SortedList, SortsAscendingWithDuplicates) {
-    std::vector<Stamp> stamps{{5}, {1}, {9}, {5}, {0}, {3}};
-    KyISortedList<Stamp> list;
-    for (Stamp& stamp : stamps)
-        list.Insert(&stamp);
-    list.Sort();
-    std::vector<int> times;
-    for (const Stamp* stamp : list)
-        times.push_back(stamp->time);
-    EXPECT_EQ(times, (std::vector<int>{0, 1, 3, 5, 5, 9}));
 }
 
 } // namespace
