@@ -1,5 +1,4 @@
-// Byte buffers: sharing and copy-on-write, growth that keeps the data, editing and
-// equality.
+// Byte buffers: sharing and copy-on-write, growth that keeps the data, and editing.
 #include "lib/bytebuf.h"
 
 #include <gtest/gtest.h>
@@ -47,13 +46,6 @@ TEST(ByteBuffer, GrowthAndEditingKeepTheData) {
         b.Append(1, std::as_const(b).Data() + i);
     EXPECT_EQ(b.Length(), 208u);
     EXPECT_EQ(b.AsStringView().substr(0, 16), ">>lo>>lo>>lo>>lo");
-}
-
-TEST(ByteBuffer, Equality) {
-    KyByteBuffer empty;
-    EXPECT_EQ(std::as_const(empty).c_str(), nullptr) << "an empty buffer has no storage";
-    EXPECT_FALSE(Bytes("abc") == Bytes("abd"));
-    EXPECT_FALSE(Bytes("abc") == Bytes("ab"));
 }
 
 } // namespace

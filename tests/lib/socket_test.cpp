@@ -10,7 +10,6 @@
 #include <string>
 
 #include "lib/dns.h"
-#include "lib/dnscache.h"
 #include "lib/inetaddr.h"
 #include "lib/socket.h"
 
@@ -129,17 +128,6 @@ TEST(KyDNS, DottedDecimalAndLocalNamesResolveWithoutTheNetwork) {
     for (const KyInetAddr& a : list)
         loopback = loopback || a.IsAddressEqual(KyInetAddr::AddressLoopback());
     EXPECT_TRUE(loopback);
-}
-
-// Nothing in the daemon installs the cache: that it keeps a failed look-up, briefly.
-TEST(KyDNSCache, StoresNegativeEntries) {
-    KyDNSCache cache(0);
-    KyDNS::SetCache(&cache);
-    KyDList<KyInetAddr> list;
-    const int missing = KyDNS::GetAddressList("cache-test.invalid", list);
-    EXPECT_EQ(KyDNS::GetAddressList("cache-test.invalid", list), missing);
-    EXPECT_EQ(cache.NameCount(), 1u);
-    KyDNS::SetCache(nullptr);
 }
 
 } // namespace

@@ -5,14 +5,10 @@
 
 TEST(History, KeepsTheNewestEntriesOldestFirst) {
     History history;
-    for (std::uint32_t i = 1; i <= 3; ++i) {
-        history.add({std::time_t(i), i});
-    }
-    ASSERT_EQ(history.size(), 3u);
-    EXPECT_EQ(history.at(0).idle, 1u);
-
+    history.add({1, 1});
+    ASSERT_EQ(history.size(), 1u);
     // Past the capacity, each new entry replaces the oldest.
-    for (std::uint32_t i = 4; i <= History::CAPACITY + 5; ++i) {
+    for (std::uint32_t i = 2; i <= History::CAPACITY + 5; ++i) {
         history.add({std::time_t(i), i});
     }
     ASSERT_EQ(history.size(), History::CAPACITY);

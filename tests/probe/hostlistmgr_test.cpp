@@ -1,5 +1,5 @@
 // The host registry: subscriptions as stored, timers armed and cancelled, the
-// percent-change rule, and the tool parameters derived from the subscriptions.
+// percent-change rule, the tool parameters derived from the subscriptions, and expiry.
 #include <gtest/gtest.h>
 
 #include "probe/adminstate.h"
@@ -115,6 +115,22 @@ TEST(HostRegistry, ToolParametersRoundHalfWayValuesToEven) {
     EXPECT_EQ(myChildManager->getSampleRate(), 35u);
     EXPECT_EQ(myChildManager->getWindowSize(), 1u);
     EXPECT_EQ(myCache->getCacheSize(), 2u);
+}
+
+TEST(HostRegistry, ExpiryRemovesHostsWhoseLifetimeHasPassed) {
+    SubscriptionWorld world; // host lifetime 100 s
+    const std::size_t timers = eventloop.TimeoutCount();
+    add(1, 5000, 3), add(2, 5000, 3), add(3, 5000, 3);
+    KyTimeVal later;
+    later += 50;
+    EXPECT_EQ(HostListMgr::expireHosts(later), 0u);
+    later += 60;
+    HostListMgr::removeHost(2);
+    EXPECT_EQ(HostListMgr::expireHosts(later), 2u);
+    EXPECT_TRUE(HostListMgr::getHostList().empty());
+    EXPECT_EQ(eventloop.TimeoutCount(), timers);
+    EXPECT_TRUE(world.Logged("The host object for 127.0.0.1 with ID 3 has time-expired"));
+    EXPECT_TRUE(world.Logged("Host timeout check: There are 0 host objects in the Host List."));
 }
 
 } // namespace

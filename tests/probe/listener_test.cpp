@@ -1,6 +1,6 @@
 // Tests of the control listener and its circuits over real loopback connections: circuits
-// leave nothing behind, and a stalled loop closes no request unread. What a request gets back is
-// tested end to end (tests/e2e/subscribe_test.cpp).
+// leave nothing behind, pending connections are all served, a stalled loop closes no request
+// unread. What a request gets back is tested end to end (tests/e2e/subscribe_test.cpp).
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -10,8 +10,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "probe/listener.h"
 #include "tests/lib/loopcall.h"
@@ -24,6 +26,10 @@ unsigned short portOf(const Listener& listener) {
     socklen_t length = sizeof address;
     ::getsockname(listener.fileDescriptor(), reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.sin_port);
+}
+
+bool runUntil(const std::function<bool()>& done) {
+    return RunUntil(eventloop, done);
 }
 
 // A listener on a kernel-chosen loopback port, served by the probe's loop.
@@ -69,11 +75,10 @@ protected:
 
 TEST_F(ListenerTest, CircuitsLeaveNothingBehind) {
     const int silent = connectClient();
-    ASSERT_TRUE(RunUntil(eventloop, [&] { return listener_.liveCircuits() == 1; }));
+    ASSERT_TRUE(runUntil([&] { return listener_.liveCircuits() == 1; }));
     EXPECT_TRUE(listener_.accepting()) << "no client left waiting is no reason to pause";
     ::close(silent);
-    EXPECT_TRUE(RunUntil(eventloop, [&] { return settled(); }))
-        << "a peer that only closes is cleaned up";
+    EXPECT_TRUE(runUntil([&] { return settled(); })) << "a peer that only closes is cleaned up";
 
     // Circuits still open when the listener goes are deleted with it, and none of its timers
     // (a deletion waiting for the next pass among them) is left in the loop.
@@ -94,6 +99,33 @@ TEST_F(ListenerTest, CircuitsLeaveNothingBehind) {
     ::close(pair[1]);
 }
 
+// Clients that are answered as they are accepted could keep the loop accepting for ever:
+// a burst is taken in slices, and the timers of the same pass run between them.
+TEST_F(ListenerTest, ABurstIsAnsweredInSlicesWithTheLoopsTimersBetween) {
+    std::vector<int> clients(100);
+    for (int& fd : clients) {
+        fd = connectClient();
+        ASSERT_EQ(::write(fd, "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n", 32), 32);
+    }
+    const auto answered = [&] {
+        std::size_t count = 0;
+        for (int fd : clients) {
+            char byte;
+            count += ::recv(fd, &byte, 1, MSG_DONTWAIT | MSG_PEEK) == 1;
+        }
+        return count;
+    };
+    RunGuarded(eventloop, KyTimeVal(0, 0)); // one pass, ended by a timer due at once
+    const std::size_t first = answered();
+    EXPECT_GT(first, 0u);
+    EXPECT_LT(first, clients.size()) << "the timer waited for the whole burst";
+    EXPECT_TRUE(runUntil([&] { return answered() == clients.size(); }));
+    for (int fd : clients) {
+        ::close(fd);
+    }
+    EXPECT_TRUE(runUntil([&] { return settled(); }));
+}
+
 // The loop stalls past the idle limit (a slow name look-up, say) and the request arrives
 // during the stall: the sweep that runs in the same pass must leave that connection to be
 // read, not close it as silent.
@@ -104,7 +136,7 @@ TEST_F(ListenerTest, AStalledLoopDoesNotCloseAConnectionWhoseRequestWaitsUnread)
     ASSERT_TRUE(patient.startListener(0));
     port_ = portOf(patient);
     const int client = connectClient();
-    ASSERT_TRUE(RunUntil(eventloop, [&] { return patient.liveCircuits() == 1; }));
+    ASSERT_TRUE(runUntil([&] { return patient.liveCircuits() == 1; }));
 
     std::this_thread::sleep_for(std::chrono::milliseconds(300)); // past the idle limit
     int stall[2];
@@ -119,10 +151,17 @@ TEST_F(ListenerTest, AStalledLoopDoesNotCloseAConnectionWhoseRequestWaitsUnread)
 
     std::string reply;
     bool closed = false;
-    EXPECT_TRUE(
-        RunUntil(eventloop, [&] { return readAvailable(client, reply, closed) && closed; }));
+    EXPECT_TRUE(runUntil([&] { return readAvailable(client, reply, closed) && closed; }));
     EXPECT_NE(reply.find("No Updates</cvnlbreply>"), std::string::npos) << reply;
-    for (int fd : {client, stall[0], stall[1]}) {
+
+    // A client that never speaks is closed once the limit from the environment has passed,
+    // well inside runUntil's two seconds (the built-in limit is ten).
+    const int silent = connectClient();
+    std::string none;
+    bool gone = false;
+    EXPECT_TRUE(runUntil([&] { return readAvailable(silent, none, gone) && gone; }));
+    EXPECT_EQ(none, "");
+    for (int fd : {client, silent, stall[0], stall[1]}) {
         ::close(fd);
     }
 }

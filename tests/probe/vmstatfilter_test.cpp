@@ -1,10 +1,11 @@
 // Tests of the load-tool output filter: header skipping per run, the 22-column scan,
-// rejection of unrecognised output and the run average.
+// rejection of unrecognised output, the run average and the filter factory.
 #include "probe/cache.h"
 #include "probe/vmstatfilter.h"
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 
 namespace {
@@ -98,6 +99,12 @@ TEST_F(VmstatFilterTest, UnterminatedLastLineEndsTheCall) {
     const std::string extra = "1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 19 20 21 22 23 24\n";
     EXPECT_TRUE(feed(extra)) << "columns past the 22nd are ignored";
     EXPECT_EQ(cache.getLastIdle(), 22u);
+}
+
+TEST(FilterFactoryTest, KnowsOnlyTheExactVmstatName) {
+    EXPECT_NE(std::unique_ptr<BaseFilter>(BaseFilter::createFilter("vmstatFilter", 1, 1)), nullptr);
+    for (const char* name : {"VmstatFilter", "sarFilter", ""})
+        EXPECT_EQ(BaseFilter::createFilter(name, 1, 1), nullptr) << name;
 }
 
 } // namespace
