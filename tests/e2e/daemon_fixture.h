@@ -168,35 +168,6 @@ inline std::chrono::milliseconds cpuTime(pid_t pid) {
     return std::chrono::milliseconds(ticks * 1000 / ::sysconf(_SC_CLK_TCK));
 }
 
-// The inode of the socket at the far end of the loopback TCP connection `client` (the
-// daemon's end), from /proc/net/tcp; empty if there is none.
-inline std::string peerSocketInode(int client) {
-    sockaddr_in local{};
-    socklen_t length = sizeof local;
-    ::getsockname(client, reinterpret_cast<sockaddr*>(&local), &length);
-    char wanted[16];
-    std::snprintf(wanted, sizeof wanted, ":%04X", unsigned(ntohs(local.sin_port)));
-    for (const auto& line : lines(readFile("/proc/net/tcp"))) {
-        std::istringstream fields(line);
-        std::string column[10];
-        for (auto& text : column)
-            fields >> text;
-        if (column[2].ends_with(wanted) && column[9] != "0")
-            return column[9];
-    }
-    return {};
-}
-
-// Whether the process holds a descriptor for the socket with this inode. Counting its
-// descriptors instead would also count the load tool's pipe, which comes and goes.
-inline bool holdsSocket(pid_t pid, const std::string& inode) {
-    std::error_code error;
-    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", error))
-        if (fs::read_symlink(entry.path(), error).string() == "socket:[" + inode + "]")
-            return true;
-    return false;
-}
-
 inline const std::string kStatusRequest = "GET /?get&cvnlbinfo HTTP/1.0\r\n\r\n";
 
 // A subscription for a load balancer on 127.0.0.1 at a 5 s sample rate and a window of 3.

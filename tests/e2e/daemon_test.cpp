@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <sys/stat.h>
 
 namespace {
 
@@ -65,20 +64,6 @@ TEST(DaemonTest, MeasuresUntilSigtermThenCleansUp) {
     expectStoppedBy(daemon, SIGTERM, "SIGTERM", 604);
     EXPECT_FALSE(fs::exists(pidFile));
     EXPECT_TRUE(waitFor([&] { return processGone(tool); }, 5s)) << "the tool is killed";
-}
-
-TEST(DaemonTest, UnknownFilterEndsStartUpWithCodeFour) {
-    Daemon daemon;
-    daemon.set("filter", "VmstatFilter");
-    daemon.start();
-
-    EXPECT_EQ(daemon.waitExit(kStartDeadline), 4);
-    const auto messages = daemon.messages();
-    ASSERT_GE(messages.size(), 2u);
-    EXPECT_TRUE(messages[messages.size() - 2].starts_with("The filter named VmstatFilter "));
-    EXPECT_TRUE(messages.back().ends_with(" exitcode 4."));
-    EXPECT_TRUE(daemon.toolPids().empty()) << "no tool is started";
-    EXPECT_FALSE(fs::exists(daemon.dir() / "hostgauge.pid"));
 }
 
 // Log records wait in a buffer for the end of the loop pass. Every stop path above checks

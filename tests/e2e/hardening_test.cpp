@@ -1,10 +1,9 @@
 // End-to-end tests of the daemon against misbehaving clients: a peer that resets while a
-// large reply is queued, a slow reader of a big status report, connections that never
-// speak, and a storm of connections under a low descriptor limit.
+// large reply is queued, slow and stalled readers of a big status report, and a storm of
+// connections under a low descriptor limit.
 #include <gtest/gtest.h>
 
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 
 #include "tests/e2e/daemon_fixture.h"
 
@@ -21,28 +20,16 @@ std::size_t count(const std::string& text, const std::string& what) {
     return found;
 }
 
-// True once the daemon has closed fd: end of file (or a reset) with nothing received.
-bool closedSilently(int fd) {
-    char byte;
-    const ssize_t got = ::recv(fd, &byte, 1, MSG_DONTWAIT);
-    return got == 0 || (got < 0 && errno == ECONNRESET);
-}
-
-// Peers that reset while most of a report is still queued leave the daemon serving, and a
-// slow reader with a small receive buffer still gets the whole report. A client that asks
-// for a big report and then stops reading loses its connection once the reply has made no
-// progress for the write limit; one that resets before asking anything is let go at once,
-// not after the idle limit. The report is larger than the kernel takes into its socket
-// buffers (4 MiB here).
-// One daemon with 16,000 subscriptions serves every part: none of them changes what it
-// reports. Its write limit is 2 s, its idle limit long enough for none to matter.
+// Peers that reset while most of a report is still queued leave the daemon serving, a slow
+// reader with a small receive buffer still gets the whole report, and one that stops reading
+// is cut off after the write limit (2 s). The report of 16,000 subscriptions is larger than
+// the kernel takes into its socket buffers (4 MiB here).
 TEST(Hardening, BigReportsReachResettingSlowAndStalledReadersAsTheyShould) {
     constexpr unsigned kSubscriptions = 16000;
     Daemon daemon;
     Subscriber drain; // never read: the kernel drops the rest
     daemon.toolPrints(toolRun(50));
     daemon.setEnv("HOSTGAUGE_WRITE_LIMIT_MS", "2000");
-    daemon.setEnv("HOSTGAUGE_IDLE_LIMIT_MS", "30000");
     daemon.set("maxhosts", "20000");
     ASSERT_TRUE(daemon.startServing());
     for (unsigned id = 1; id <= kSubscriptions; ++id)
@@ -81,79 +68,23 @@ TEST(Hardening, BigReportsReachResettingSlowAndStalledReadersAsTheyShould) {
         << report.substr(report.size() > 80 ? report.size() - 80 : 0);
     EXPECT_EQ(daemon.log().find("Hostgauge stopped"), std::string::npos);
 
-    // The daemon's end of a client's connection, once it has accepted it.
-    const auto accepted = [&](int client) {
-        std::string inode;
-        waitFor([&] { return holdsSocket(daemon.pid(), inode = peerSocketInode(client)); });
-        return inode;
-    };
-    const auto held = [&](const std::string& inode) { return holdsSocket(daemon.pid(), inode); };
-
-    // Timed from the request, on the daemon's socket alone: on a loaded machine, reading the
-    // log back could take longer than the write limit itself.
+    // A reader that stops gets what the kernel had queued and then the close: once the reply
+    // has stalled for the write limit, the daemon gives up on it.
     const int stuck = connectTo(daemon.port(), 4096);
-    const std::string stuckEnd = accepted(stuck);
-    ASSERT_TRUE(held(stuckEnd));
-    const auto asked = std::chrono::steady_clock::now();
     ASSERT_EQ(::send(stuck, kStatus.data(), kStatus.size(), 0), ssize_t(kStatus.size()));
-    EXPECT_TRUE(waitFor([&] { return !held(stuckEnd); }, 20s))
-        << "a reply nobody reads keeps its connection";
-    EXPECT_GE(std::chrono::steady_clock::now() - asked, 1500ms)
-        << "closed before the write limit: the reply did not stall";
+    std::this_thread::sleep_for(4s);
+    std::string partial;
+    for (ssize_t got; (got = ::recv(stuck, buffer.data(), buffer.size(), 0)) > 0;)
+        partial.append(buffer.data(), std::size_t(got));
     ::close(stuck);
-
-    // A reset is seen at once, long before the idle limit.
-    const int resets = connectTo(daemon.port());
-    const std::string resetEnd = accepted(resets);
-    ASSERT_TRUE(held(resetEnd));
-    ::setsockopt(resets, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
-    ::close(resets);
-    EXPECT_TRUE(waitFor([&] { return !held(resetEnd); }, 10s));
-    EXPECT_EQ(daemon.log().find("Bad request (length 0)"), std::string::npos)
-        << "a reset is no silent client";
-}
-
-TEST(Hardening, SilentConnectionsAreClosedAfterTheIdleLimitWhileOthersAreServed) {
-    Daemon daemon;
-    daemon.toolPrints(toolRun(50));
-    daemon.setEnv("HOSTGAUGE_IDLE_LIMIT_MS", "1500");
-    ASSERT_TRUE(daemon.startServing());
-
-    std::vector<int> silent;
-    for (int i = 0; i < 200; ++i) {
-        silent.push_back(connectTo(daemon.port()));
-        ASSERT_GE(silent.back(), 0);
-    }
-    const auto opened = std::chrono::steady_clock::now();
-    EXPECT_NE(request(daemon.port(), kStatus).find("</cvnlbreply>"), std::string::npos)
-        << "served while 200 connections sit idle";
-    if (std::chrono::steady_clock::now() - opened < 1200ms) {
-        EXPECT_FALSE(closedSilently(silent.front())) << "not before the limit";
-    }
-
-    EXPECT_TRUE(waitFor([&] { return std::all_of(silent.begin(), silent.end(), closedSilently); }));
-    const auto elapsed = std::chrono::steady_clock::now() - opened;
-    EXPECT_GT(elapsed, 1400ms);
-    EXPECT_LT(elapsed, 5s) << "the limit from the environment was not taken";
-    for (int fd : silent)
-        ::close(fd);
-    // One line per silent connection, with the empty request.
-    EXPECT_TRUE(waitFor([&] { return count(daemon.log(), "Bad request (length 0)") == 200; }));
-    EXPECT_NE(request(daemon.port(), kStatus).find("</cvnlbreply>"), std::string::npos);
+    EXPECT_LT(count(partial, "<connection>"), kSubscriptions) << "the reply was not cut short";
 }
 
 TEST(Hardening, AConnectionStormUnderALowDescriptorLimitNeitherSpinsNorFloodsTheLog) {
     Daemon daemon;
     daemon.toolPrints(toolRun(50));
-    // The daemon inherits a soft limit of 64 descriptors; this process gets its own back.
-    rlimit saved{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
-    rlimit low = saved;
-    low.rlim_cur = 64;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
-    const bool serving = daemon.startServing();
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
-    ASSERT_TRUE(serving);
+    daemon.limitDescriptors(64);
+    ASSERT_TRUE(daemon.startServing());
     const pid_t pid = daemon.pid();
 
     const auto before = cpuTime(pid);

@@ -1,7 +1,6 @@
 // End-to-end tests of subscriptions: the real daemon answers control requests on its port
 // and sends load datagrams to a loopback subscriber; the scripted load tool decides what
-// load it sees. Also the length refusals, a request in two writes, a port that is taken,
-// and the hourly expiry seen through a shifted clock.
+// load it sees. Also the length refusals, a request in two writes and a port that is taken.
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -135,61 +134,6 @@ TEST(Subscription, ATakenControlPortEndsStartUpWithCodeOne) {
         << log;
     EXPECT_EQ(log.find("Hostgauge stopped"), std::string::npos);
     EXPECT_FALSE(fs::exists(daemon.dir() / "hostgauge.pid"));
-}
-
-// Moves the wall clock and the monotonic one the timers run on by the seconds written in the
-// file $HG_CLOCK_SHIFT names: an hour passes at once.
-const char* const kClockShim = R"(
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/syscall.h>
-#include <sys/time.h>
-#include <time.h>
-#include <unistd.h>
-int clock_gettime(clockid_t clock, struct timespec* now) {
-    long shift = 0;
-    FILE* file = fopen(getenv("HG_CLOCK_SHIFT"), "r");
-    if (file && fscanf(file, "%ld", &shift) != 1) shift = 0;
-    if (file) fclose(file);
-    int result = (int)syscall(SYS_clock_gettime, clock, now);
-    if (result == 0 && (clock == CLOCK_REALTIME || clock == CLOCK_MONOTONIC)) now->tv_sec += shift;
-    return result;
-}
-int gettimeofday(struct timeval* tv, void* zone) {
-    struct timespec now;
-    (void)zone;
-    clock_gettime(CLOCK_REALTIME, &now);
-    tv->tv_sec = now.tv_sec, tv->tv_usec = now.tv_nsec / 1000;
-    return 0;
-}
-)";
-
-TEST(Subscription, TheHourlyCheckRemovesHostsPastTheirLifetime) {
-    Daemon daemon;
-    writeFile(daemon.dir() / "shim.c", kClockShim);
-    const fs::path shim = daemon.dir() / "shim.so", shift = daemon.dir() / "shift";
-    if (std::system(("cc -shared -fPIC -o '" + shim.string() + "' '" +
-                     (daemon.dir() / "shim.c").string() + "' 2>/dev/null")
-                        .c_str()) != 0)
-        GTEST_SKIP() << "no C compiler to build the clock shim";
-    writeFile(shift, "0");
-    daemon.setEnv("LD_PRELOAD", shim.string());
-    daemon.setEnv("HG_CLOCK_SHIFT", shift.string());
-    daemon.setEnv("ASAN_OPTIONS", "verify_asan_link_order=0");
-    daemon.set("hostlifetime", "1");
-    ASSERT_TRUE(daemon.startServing());
-    Subscriber subscriber;
-    ASSERT_NE(request(daemon.port(), create(7, subscriber.port(), 100)).find("<id>7</id>"),
-              std::string::npos);
-
-    // Any request wakes the loop, which then runs the timers that are due.
-    writeFile(shift, "2");
-    EXPECT_NE(status(daemon).find("<connection><id>7</id>"), std::string::npos)
-        << "a host outlives its lifetime until the hourly check";
-    writeFile(shift, "3600");
-    request(daemon.port(), killRequest(99));
-    EXPECT_TRUE(daemon.waitForLog("The host object for 127.0.0.1 with ID 7 has time-expired"));
-    EXPECT_NE(status(daemon).find("</time>No Updates</cvnlbreply>"), std::string::npos);
 }
 
 } // namespace

@@ -3,29 +3,11 @@
 // XML report for a browser's long request, requests split across reads, and what is refused.
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <cstdio>
-
 #include "tests/e2e/daemon_fixture.h"
 
 namespace {
 
 using namespace e2e;
-
-// A browser's request: about 650 bytes of headers, text/html first in Accept.
-std::string browserGet(const std::string& target) {
-    return "GET " + target +
-           " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: keep-alive\r\n"
-           "sec-ch-ua: \"Chromium\";v=\"156\", \"Not)A;Brand\";v=\"24\"\r\n"
-           "sec-ch-ua-mobile: ?0\r\nsec-ch-ua-platform: \"Linux\"\r\n"
-           "Upgrade-Insecure-Requests: 1\r\nUser-Agent: Mozilla/5.0 (X11; Linux x86_64) "
-           "AppleWebKit/537.36 (KHTML, like Gecko) Chrome/156.0.0.0 Safari/537.36\r\n"
-           "Accept: text/html,application/xhtml+xml,application/xml;q=0.9,image/avif,"
-           "image/webp,image/apng,*/*;q=0.8,application/signed-exchange;v=b3;q=0.7\r\n"
-           "Sec-Fetch-Site: none\r\nSec-Fetch-Mode: navigate\r\nSec-Fetch-User: ?1\r\n"
-           "Sec-Fetch-Dest: document\r\nAccept-Encoding: gzip, deflate, br, zstd\r\n"
-           "Accept-Language: en-US,en;q=0.9\r\n\r\n";
-}
 
 std::string get(unsigned short port, const std::string& path) {
     return request(port, "GET " + path + " HTTP/1.0\r\nUser-Agent: test\r\n\r\n");
@@ -101,8 +83,6 @@ TEST(Views, MetricsStatusPageAndXmlReportAsPrometheusPeopleAndBrowsersSeeThem) {
     EXPECT_NE(page.find("\r\n\r\n<!DOCTYPE html>"), std::string::npos);
     EXPECT_NE(page.find("<b>40 %</b>"), std::string::npos) << "the newest idle";
     EXPECT_NE(page.find("<polyline"), std::string::npos) << "no line in the chart";
-    EXPECT_NE(page.find("name=\"viewport\""), std::string::npos);
-    EXPECT_EQ(page.find("<script"), std::string::npos);
     const auto row = [&](unsigned id) {
         return page.find("<tr><td>" + std::to_string(id) + "</td><td class=\"l\">127.0.0.1:");
     };
@@ -121,8 +101,10 @@ TEST(Views, MetricsStatusPageAndXmlReportAsPrometheusPeopleAndBrowsersSeeThem) {
     // A balancer gets the XML report raw, a browser's long request gets it with headers.
     const std::string raw = request(port, kStatusRequest);
     EXPECT_EQ(raw.rfind("<?xml version=\"1.0\"?><cvnlbreply type=\"get\">", 0), 0u) << raw;
-    const std::string asked = browserGet("/?get&cvnlbinfo");
-    ASSERT_GT(asked.size(), 512u) << "longer than any other request may be";
+    // Longer than any other request may be, text/html first in Accept, as browsers send it.
+    const std::string asked = "GET /?get&cvnlbinfo HTTP/1.1\r\nUser-Agent: Mozilla/5.0 " +
+                              std::string(600, 'x') +
+                              "\r\nAccept: text/html,application/xml;q=0.9,*/*;q=0.8\r\n\r\n";
     const std::string shown = request(port, asked);
     EXPECT_EQ(shown.rfind("HTTP/1.0 200 OK\r\nContent-Type: text/xml; charset=utf-8\r\n\r\n"
                           "<?xml version=\"1.0\"?><cvnlbreply type=\"get\">",

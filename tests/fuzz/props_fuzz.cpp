@@ -28,14 +28,12 @@ struct Scratch {
     ~Scratch() { std::filesystem::remove_all(dir); }
 };
 
-const char* const kKeys[] = {"corvane.config.hostspread.port",
-                             "corvane.config.hostspread.probepath", "", "#"};
-
+// Reads back two keys the daemon looks for and two odd ones.
 void readBack(const KyProperties& properties) {
-    for (const char* key : kKeys) {
+    for (const char* key :
+         {"corvane.config.hostspread.port", "corvane.config.hostspread.probepath", "", "#"})
         if (const KyUniString* value = properties.Get(KyUniString(key)))
             (void)value->AsUtf8();
-    }
 }
 
 } // namespace

@@ -1,5 +1,4 @@
-// Byte buffers: sharing and copy-on-write, growth that keeps the data, editing and the
-// byte hash.
+// Byte buffers: sharing and copy-on-write, growth that keeps the data, and editing.
 #include "lib/bytebuf.h"
 
 #include <gtest/gtest.h>
@@ -47,20 +46,6 @@ TEST(ByteBuffer, GrowthAndEditingKeepTheData) {
         b.Append(1, std::as_const(b).Data() + i);
     EXPECT_EQ(b.Length(), 208u);
     EXPECT_EQ(b.AsStringView().substr(0, 16), ">>lo>>lo>>lo>>lo");
-}
-
-TEST(ByteBuffer, HashAndEquality) {
-    KyByteBuffer empty;
-    EXPECT_EQ(std::as_const(empty).c_str(), nullptr) << "an empty buffer has no storage";
-    EXPECT_EQ(empty.HashValue(), 0u);
-    EXPECT_EQ(Bytes("ab").HashValue(), 971u);
-    // Wraps at 32 bits instead of widening.
-    std::uint32_t expected = 0;
-    for (int i = 0; i < 40; ++i)
-        expected = expected * 9 + 'z';
-    EXPECT_EQ(Bytes(std::string(40, 'z')).HashValue(), expected);
-    EXPECT_FALSE(Bytes("abc") == Bytes("abd"));
-    EXPECT_FALSE(Bytes("abc") == Bytes("ab"));
 }
 
 } // namespace

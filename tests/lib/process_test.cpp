@@ -1,5 +1,5 @@
 // KyUnixProcess against real children, pipes and signals: exit reports, reaping,
-// a child whose exec fails, signal dispatch order, and identity switches (as root).
+// a child whose exec fails, signal dispatch order, and a child run as another user (as root).
 #include "lib/eventloop.h"
 #include "tests/lib/loopcall.h"
 
@@ -79,33 +79,24 @@ TEST_F(ProcessTest, ExitsAreReapedInOnePassWithCodeOrSignalAndMayWithdrawEachOth
     waitpid(-1, nullptr, WNOHANG); // the withdrawn child, if the process left it
 }
 
-// The load tool's output comes back through the pipe up to the child's end. A command that
-// cannot run ends its child at once with 127, writing nothing: the copy of the caller
-// never returns from Fork.
-TEST_F(ProcessTest, PipeCarriesTheChildsOutputAndACommandThatCannotRunEndsWith127) {
+// A command that cannot run ends its child at once with 127, writing nothing to the pipe:
+// the copy of the caller never returns from Fork. (The load tool's output through the
+// pipe runs in the child manager's tests.)
+TEST_F(ProcessTest, ACommandThatCannotRunEndsWith127) {
     int code = -1;
     Call<Info> onExit{[&](Info info) { code = info.code, loop.ExitEventLoop(0); }};
-    auto output = [&](const char* command) {
-        const char* argv[] = {command, "hello", nullptr};
-        KyUnixProcess::ForkParams params;
-        params.ExecCommand(argv);
-        params.WantPipe(true);
-        params.SetCallback(&onExit);
-        process.StartSignals(); // leaving the loop stopped them
-        EXPECT_EQ(process.Fork(params), Success);
-        if (params.ChildPid() == 0)
-            _exit(7); // Fork came back in the child
-        std::string text;
-        char buffer[64];
-        for (ssize_t n; (n = read(params.PipeDescriptor(), buffer, sizeof buffer)) > 0;)
-            text.append(buffer, static_cast<std::size_t>(n));
-        close(params.PipeDescriptor());
-        EXPECT_EQ(Run(), 0);
-        return text;
-    };
-    EXPECT_EQ(output("echo"), "hello\n");
-    EXPECT_EQ(code, 0);
-    EXPECT_EQ(output("/nonexistent/hostgauge-tool"), "");
+    const char* argv[] = {"/nonexistent/hostgauge-tool", nullptr};
+    KyUnixProcess::ForkParams params;
+    params.ExecCommand(argv);
+    params.WantPipe(true);
+    params.SetCallback(&onExit);
+    ASSERT_EQ(process.Fork(params), Success);
+    if (params.ChildPid() == 0)
+        _exit(7); // Fork came back in the child
+    char buffer[8];
+    EXPECT_EQ(read(params.PipeDescriptor(), buffer, sizeof buffer), 0);
+    close(params.PipeDescriptor());
+    EXPECT_EQ(Run(), 0);
     EXPECT_EQ(code, KyUnixProcess::EXIT_EXEC_FAILED);
 }
 
@@ -136,7 +127,6 @@ TEST_F(ProcessTest, SignalsDispatchInRegistrationOrderOnlyWhileEnabled) {
     Call<int> second{[&](int) { order.push_back("second"); }};
     ASSERT_EQ(process.CatchSignal(SIGUSR2, &first), Success);
     ASSERT_EQ(process.CatchSignal(SIGUSR2, &second), Success);
-    EXPECT_EQ(process.CatchCount(SIGUSR2), 2u);
 
     process.StopSignals();
     raise(SIGUSR2); // not recorded: the loop is not running
@@ -149,22 +139,13 @@ TEST_F(ProcessTest, SignalsDispatchInRegistrationOrderOnlyWhileEnabled) {
     EXPECT_EQ(order, (std::vector<std::string>{"first", "second"}));
 }
 
-TEST_F(ProcessTest, UsersAreLookedUpAndSwitchedToAsRoot) {
+TEST_F(ProcessTest, CommandsRunAsTheUserAskedFor) {
     EXPECT_FALSE(KyUnixUser("no-such-user-hostgauge").IsValid());
     if (geteuid() != 0)
         GTEST_SKIP() << "switching identities needs root; running as uid " << geteuid();
     const KyUnixUser& nobody = NobodyUser();
     if (!nobody.IsValid())
         GTEST_SKIP() << "this system has neither a 'nobody' nor a 'nouser' account";
-
-    ASSERT_EQ(process.BecomeNobody(), Success);
-    EXPECT_EQ(geteuid(), nobody.Uid());
-    EXPECT_EQ(getegid(), nobody.Gid());
-    // Root is looked up by name: its ids come from the password database.
-    ASSERT_EQ(process.BecomeRoot(), Success);
-    EXPECT_EQ(geteuid(), 0u);
-    EXPECT_EQ(getegid(), 0u);
-    EXPECT_FALSE(process.UserSwitchFailed());
 
     // A command started under another user runs as that user, real and effective.
     const char* argv[] = {"sh", "-c", "echo $(id -ru) $(id -u)", nullptr};

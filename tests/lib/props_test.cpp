@@ -75,24 +75,10 @@ TEST(PropsEscapes, ValueDecoding) {
 TEST_F(Props, BadInputNeverFails) {
     EXPECT_EQ(props_.Load((dir_ / "absent").c_str()), Failure);
     EXPECT_EQ(props_.Load(dir_.Path().c_str()), Failure);
-    EXPECT_EQ(props_.Load(Write("")), Success);
     EXPECT_EQ(props_.Load(Write("\\\n=\\\n\\u=\\u\n\xff\xfe=\x80\\")), Success);
     EXPECT_EQ(Value("="), "<absent>");
     EXPECT_EQ(Value("\\u"), "u");
     EXPECT_EQ(Value(""), "\\");
-}
-
-// Saving (which the daemon never does): the header, then escaped values that read back.
-TEST_F(Props, SaveWritesHeaderEscapedValuesAndReadsBack) {
-    const char* value = "one\ntwo\ttab\x01\xc3\xa9\x7f";
-    props_.Put("multi", value);
-    ASSERT_EQ(props_.Save((dir_ / "out").c_str(), "first line"), Success);
-    const std::string text = ReadWhole(dir_ / "out");
-    EXPECT_EQ(text.rfind("# written by props\n# first line\n\n# Written at: ", 0), 0u) << text;
-    EXPECT_NE(text.find("\nmulti=one\\ntwo\\ttab\\u0001\\u00e9\x7f\n"), std::string::npos);
-    KyProperties back;
-    ASSERT_EQ(back.Load((dir_ / "out").c_str()), Success);
-    EXPECT_EQ(back.Get("multi")->AsUtf8(), value);
 }
 
 } // namespace

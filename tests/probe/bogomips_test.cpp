@@ -23,7 +23,6 @@ TEST(BogomipsTest, ScalesByProcessorsAndFactor) {
     EXPECT_EQ(Bogomips(4, 80, speed(loopsPerMicro)).getBestBogo(), 2560);
     EXPECT_EQ(Bogomips(1, 80, speed(loopsPerMicro)).getBestBogo(), 800);
     EXPECT_EQ(Bogomips(0, 50, speed(loopsPerMicro)).getBestBogo(), 800) << "0 processors is 1";
-    EXPECT_EQ(Bogomips(-3, 50, speed(loopsPerMicro)).getBestBogo(), 800);
 
     // 5,000,000,000 loops per second: the count passes 2^32 before a try lasts a second,
     // and so do the loops per second.
@@ -66,13 +65,12 @@ TEST(BogomipsTest, BestOnlyGrowsLowestOnlyFallsAndAFactorAboveHundredIsUsedOnce)
 
 TEST(BogomipsTest, RatesAgainOnlySixHoursAfterTheLastRatingStarted) {
     std::uint64_t loopsPerMicro = 400;
-    bool stalled = false;
     auto now = std::chrono::steady_clock::time_point{} + 1000h;
     Bogomips rating(
         1, 80,
         [&](std::uint64_t loops) -> std::clock_t {
             now += 1s; // each try takes time, so the start of the rating is what counts
-            return stalled ? 0 : static_cast<std::clock_t>(loops / loopsPerMicro);
+            return static_cast<std::clock_t>(loops / loopsPerMicro);
         },
         [&] { return now; });
     const auto constructed = now;
@@ -90,27 +88,6 @@ TEST(BogomipsTest, RatesAgainOnlySixHoursAfterTheLastRatingStarted) {
     now = second + 6h;
     EXPECT_TRUE(rating.recalculateIfStale());
     EXPECT_EQ(rating.getBestBogo(), 4000);
-
-    // A failed rating keeps the previous figures, and counts as a rating too.
-    stalled = true;
-    const auto failed = now + 6h;
-    now = failed;
-    EXPECT_FALSE(rating.recalculateIfStale());
-    EXPECT_EQ(rating.getBestBogo(), 4000);
-    EXPECT_EQ(rating.getCurrentBogo(), 4000);
-    stalled = false;
-    loopsPerMicro = 4000;
-    now = failed + 5h;
-    EXPECT_FALSE(rating.recalculateIfStale());
-    now = failed + 7h;
-    EXPECT_TRUE(rating.recalculateIfStale());
-    EXPECT_EQ(rating.getBestBogo(), 8000);
-}
-
-TEST(BogomipsTest, DelayLoopTakesProcessorTime) {
-    const std::clock_t start = std::clock();
-    Bogomips::delay(50000000);
-    EXPECT_GT(std::clock() - start, 0) << "the loop must not be optimised away";
 }
 
 } // namespace

@@ -1,6 +1,5 @@
-// Tests of the load-tool child manager: the tool's argument vector, the pipe buffer's
-// growth, the run cycle driven by hand against a scripted tool, the stop signals' exit
-// codes, and the fork retries.
+// Tests of the load-tool child manager: the run cycle driven by hand against a scripted
+// tool, its waits after empty runs, and the tool's end with the manager.
 #include "lib/eventloop.h"
 #include "probe/bogomips.h"
 #include "probe/cache.h"
@@ -15,49 +14,11 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
-#include <cstring>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
-
-std::vector<std::string> arguments(const ToolCommand& command) {
-    std::vector<std::string> result;
-    for (const char* const* arg = command.argv(); *arg != nullptr; ++arg) {
-        result.emplace_back(*arg);
-    }
-    return result;
-}
-
-TEST(ToolCommandTest, SplitsThePathOnceAtTheFirstSpace) {
-    ToolCommand bare("/usr/bin/vmstat");
-    bare.setIntervalAndCount(5, 11);
-    EXPECT_EQ(arguments(bare), (std::vector<std::string>{"/usr/bin/vmstat", "5", "11"}));
-
-    ToolCommand options("/usr/bin/vmstat -S -x");
-    options.setIntervalAndCount(30, 121);
-    options.setIntervalAndCount(2, 26); // replaces the first pair
-    EXPECT_EQ(arguments(options),
-              (std::vector<std::string>{"/usr/bin/vmstat", "-S -x", "2", "26"}));
-}
-
-TEST(ToolOutputBufferTest, GrowsBeforeAReadCouldOverflowIt) {
-    ToolOutputBuffer buffer;
-    ASSERT_TRUE(buffer.allocate());
-    std::memset(buffer.writePosition(), 'a', 700);
-    buffer.appended(700);
-    ASSERT_TRUE(buffer.needsToGrow(700)) << "324 < 700 + 350";
-    ASSERT_TRUE(buffer.grow());
-    EXPECT_EQ(buffer.spaceLeft(), 1348) << "doubled, the text kept";
-
-    std::memset(buffer.writePosition(), 'b', 1348);
-    buffer.appended(1348);
-    EXPECT_EQ(std::strlen(buffer.text()), 2048u) << "a read that fills the block still fits";
-    buffer.clear();
-    EXPECT_EQ(buffer.spaceLeft(), 2048) << "the block never shrinks";
-}
 
 // True when the child died of SIGKILL (or was reaped already), within two seconds.
 bool wasKilled(pid_t pid) {
@@ -68,21 +29,17 @@ bool wasKilled(pid_t pid) {
     return reaped == -1 ? errno == ECHILD : WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
-// Runs a shell script in place of the configured tool, or fails every fork.
+// Runs a shell script in place of the configured tool.
 class ScriptedProcess : public KyUnixProcess {
 public:
     KyStatus Fork(ForkParams& params) override {
         ++forks;
-        if (failForks) {
-            return Failure;
-        }
         argv_[2] = script.c_str();
         params.ExecCommand(argv_);
         return KyUnixProcess::Fork(params);
     }
 
     std::string script = "exit 0";
-    bool failForks = false;
     int forks = 0;
 
 private:
@@ -204,34 +161,6 @@ TEST_F(ChildManagerTest, RunsThatCacheNothingWaitLongerBeforeTheNextFork) {
     EXPECT_EQ(manager->getEmptyRuns(), 0u);
 }
 
-// A stop by signal leaves the loop with the code the operators' scripts know, and says which
-// signal it was. One manager takes all three: its handlers stay registered with the process.
-TEST_F(ChildManagerTest, StopSignalsEndTheLoopWithTheirExitCodes) {
-    LogTempDir dir;
-    bootLogger = std::make_unique<Logging>(KyUniString(dir.Path()), "*/*/*:stop.log");
-    manager = std::make_unique<ChildManager>(loop, &filter);
-    const struct {
-        int signal;
-        int code;
-        std::string name;
-    } stops[] = {{SIGINT, 603, "SIGINT"}, {SIGTERM, 604, "SIGTERM"}, {SIGPIPE, 606, "SIGPIPE"}};
-    for (const auto& stop : stops) {
-        SCOPED_TRACE(stop.name);
-        // Raised from inside the loop: the process records signals only while it runs.
-        Call<> raiser{[&](int reason) {
-            if (reason == KyEvent::Fired)
-                ::raise(stop.signal);
-        }};
-        loop.AddTimeoutEvent(KyTimeVal(), &raiser);
-        EXPECT_EQ(RunGuarded(loop), stop.code);
-        const auto records = ParseRecords(ReadLog(dir / "stop.log"));
-        ASSERT_FALSE(records.empty());
-        EXPECT_NE(records.back().text.find("by signal " + stop.name + "."), std::string::npos)
-            << records.back().text;
-    }
-    EXPECT_EQ(ParseRecords(ReadLog(dir / "stop.log")).size(), std::size(stops));
-}
-
 TEST_F(ChildManagerTest, IgnoresTheDeathOfAnotherChild) {
     start("exec sleep 30");
     const int pid = manager->getChildPid();
@@ -241,24 +170,6 @@ TEST_F(ChildManagerTest, IgnoresTheDeathOfAnotherChild) {
     EXPECT_EQ(::kill(pid, 0), 0) << "the current tool keeps running";
     manager.reset();
     EXPECT_TRUE(wasKilled(pid)) << "destroying the manager kills the tool";
-}
-
-TEST_F(ChildManagerTest, GivesUpAfterFiveFailedForks) {
-    // Each pause is reported as [attempt:seconds]; the process ends with 11 after the fifth.
-    EXPECT_EXIT(
-        {
-            // The exit path deletes the process-wide objects; this fixture's rating lives
-            // on the stack.
-            myBogomips = nullptr;
-            process.failForks = true;
-            ChildManager failing(loop, &filter);
-            unsigned int pauses = 0;
-            failing.setRetrySleep([&pauses](unsigned int seconds) {
-                std::fprintf(stderr, "[%u:%u]", ++pauses, seconds);
-            });
-            failing.forkChild();
-        },
-        ::testing::ExitedWithCode(11), "\\[5:30\\]$");
 }
 
 } // namespace

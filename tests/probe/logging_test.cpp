@@ -1,5 +1,5 @@
 // The probe's log set-up with its default filter: which messages reach the plain file,
-// the structured file and standard error, and how the files survive SIGHUP handling.
+// the structured file and standard error.
 #include <filesystem>
 #include <unistd.h>
 
@@ -36,19 +36,6 @@ TEST(ProbeLogging, DefaultFilterRoutesByLevel) {
     EXPECT_NE(jsl.find("category=hostgauge/listener/fatalerror,"), std::string::npos);
     EXPECT_EQ(console.find("errno is 4"), std::string::npos);
     EXPECT_NE(console.find("Failed to bind to port 3579, reason in use."), std::string::npos);
-}
-
-// SIGHUP's path: records queued before it go to the moved file, later ones to a new file.
-TEST(ProbeLogging, FlushLogsStartsAFreshFileWhereTheOldOneWasMovedAway) {
-    LogTempDir dir;
-    Logging logging(KyUniString(dir.Path()), "*/*/*:p.log");
-    LogStarted();
-    std::filesystem::rename(dir / "p.log", dir / "old.log");
-    logging.flushLogs();
-    LogStopped(604);
-    KyLog::Flush();
-    EXPECT_EQ(ParseRecords(ReadWhole(dir / "old.log")).size(), 1u);
-    EXPECT_EQ(ParseRecords(ReadWhole(dir / "p.log")).size(), 1u);
 }
 
 } // namespace

@@ -58,9 +58,6 @@ public:
         delete std::exchange(myBootstrap, nullptr);
         bootLogger.reset();
     }
-    SubscriptionWorld(SubscriptionWorld const&) = delete;
-    SubscriptionWorld& operator=(SubscriptionWorld const&) = delete;
-
     bool Logged(std::string const& piece) const {
         return ReadLog(dir_ / "probe.log").find(piece) != std::string::npos;
     }

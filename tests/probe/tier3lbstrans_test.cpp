@@ -36,7 +36,6 @@ const RequestCase kCases[] = {
     // The recognised opening tag has exactly one blank.
     {"<cvnlbreq><id>7</id></cvnlbreq>", LBS_UNKNOWN, {}},
     {"<cvnlbreq command=CREATE x=1><id>7</id></cvnlbreq>", LBS_UNKNOWN, {}},
-    {"<cvnlbreq command=CREATE ><id>7</id></cvnlbreq>", LBS_UNKNOWN, {}},
     {"<other command=CREATE><id>7</id></other>", LBS_UNKNOWN, {}},
     // Names and the command word ignore case; values keep theirs.
     {"<CVNLBREQ COMMAND=\"kill\"><ID>7</ID><Host>MixedCase</Host></CVNLBREQ>",
@@ -45,9 +44,7 @@ const RequestCase kCases[] = {
     {"<cvnlbreq command=Admin><port>1</port></cvnlbreq>", LBS_ADMIN, {{"port", "1"}}},
     // A broken command word does not stop the attributes.
     {"<cvnlbreq command=\"create><id>7</id></cvnlbreq>", LBS_UNKNOWN, {{"id", "7"}}},
-    {"<cvnlbreq command=create;x><id>7</id></cvnlbreq>", LBS_UNKNOWN, {{"id", "7"}}},
     {"<cvnlbreq command=><id>7</id></cvnlbreq>", LBS_UNKNOWN, {{"id", "7"}}},
-    {"<cvnlbreq command=\"\"><id>7</id></cvnlbreq>", LBS_UNKNOWN, {{"id", "7"}}},
     {"<cvnlbreq command=\"get\">", LBS_GET, {}},
     // Content is kept exactly; any text may stand between elements.
     {"<cvnlbreq command=create>\n  <port> 80 </port>\n\t<id>7</id>\n</cvnlbreq>",
@@ -61,11 +58,9 @@ const RequestCase kCases[] = {
     {"<cvnlbreq command=KILL><version>1.0</version><id>7</cvnlbreq>",
      LBS_KILL,
      {{"version", "1.0"}}},
-    {"<cvnlbreq command=GET>", LBS_GET, {}},
     {"<cvnlbreq command=GET", LBS_UNKNOWN, {}},
     // The first closing tag of the same name ends an element, even an inner one.
     {"<cvnlbreq command=KILL><a><a>x</a></a><id>7</id></cvnlbreq>", LBS_KILL, {{"a", "<a>x"}}},
-    {"<cvnlbreq command=KILL><x><id>7</id></x></cvnlbreq>", LBS_KILL, {{"x", "<id>7</id>"}}},
     // An empty closing name closes an element whose tag had no blank.
     {"<cvnlbreq command=KILL><id>7</><port>9</port></cvnlbreq>",
      LBS_KILL,
