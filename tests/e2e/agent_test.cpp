@@ -20,14 +20,9 @@ std::string agentAnswer(unsigned short port, const std::string& send = "") {
         return "NO CONNECTION";
     if (!send.empty())
         ::send(fd, send.data(), send.size(), MSG_NOSIGNAL);
-    std::string answer;
-    pollfd ready{fd, POLLIN, 0};
-    char buffer[512];
-    ssize_t count = 0;
-    while (::poll(&ready, 1, 5000) == 1 && (count = ::recv(fd, buffer, sizeof buffer, 0)) > 0)
-        answer.append(buffer, std::size_t(count));
+    const Received answer = receiveAll(fd);
     ::close(fd);
-    return count < 0 ? "RESET" : answer;
+    return answer.reset ? "RESET" : answer.text;
 }
 
 struct AgentDaemon : Daemon {

@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <optional>
 #include <sstream>
@@ -35,11 +34,6 @@ using namespace std::chrono_literals;
 // Start-up rates the CPU before it listens; leave room for a busy machine.
 constexpr auto kStartDeadline = 60s;
 constexpr auto kDeadline = 20s;
-
-inline std::string readFile(const fs::path& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
 
 // Replaces a file in one step, so a tool run never sees it half written.
 inline void writeFile(const fs::path& path, const std::string& text) {
@@ -133,22 +127,42 @@ inline int connectTo(unsigned short port, int receiveBuffer = 0) {
     return -1;
 }
 
+// What a peer sends until it closes the connection (`closed`; `reset` if it reset it) or
+// stays silent for `quiet`. A `pause` after each read makes a slow reader.
+struct Received {
+    std::string text;
+    bool closed = false;
+    bool reset = false;
+};
+inline Received receiveAll(int fd, std::chrono::milliseconds quiet = 5s,
+                           std::chrono::milliseconds pause = 0ms) {
+    Received received;
+    pollfd ready{fd, POLLIN, 0};
+    std::vector<char> buffer(32768);
+    while (::poll(&ready, 1, int(quiet.count())) == 1) {
+        const ssize_t count = ::recv(fd, buffer.data(), buffer.size(), 0);
+        if (count <= 0) {
+            received.closed = true;
+            received.reset = count < 0;
+            break;
+        }
+        received.text.append(buffer.data(), std::size_t(count));
+        std::this_thread::sleep_for(pause);
+    }
+    return received;
+}
+
 // Sends the pieces as separate writes and returns everything read until the daemon closes.
 // A reset instead of the reply counts as an empty answer.
 inline std::string request(unsigned short port, const std::vector<std::string>& pieces) {
     const int fd = connectTo(port);
-    std::string reply;
     if (fd < 0)
-        return reply;
+        return {};
     for (const auto& piece : pieces) {
         ::send(fd, piece.data(), piece.size(), MSG_NOSIGNAL);
         std::this_thread::sleep_for(pieces.size() > 1 ? 100ms : 0ms);
     }
-    pollfd ready{fd, POLLIN, 0};
-    char buffer[4096];
-    for (ssize_t count;
-         ::poll(&ready, 1, 5000) == 1 && (count = ::recv(fd, buffer, sizeof buffer, 0)) > 0;)
-        reply.append(buffer, std::size_t(count));
+    std::string reply = receiveAll(fd).text;
     ::close(fd);
     return reply;
 }
@@ -159,7 +173,7 @@ inline std::string request(unsigned short port, const std::string& text) {
 
 // The daemon's own processor time (user and system) so far.
 inline std::chrono::milliseconds cpuTime(pid_t pid) {
-    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    const std::string stat = ReadWhole("/proc/" + std::to_string(pid) + "/stat");
     std::istringstream fields(stat.substr(stat.rfind(')') + 2));
     std::string field;
     long ticks = 0;
@@ -283,20 +297,15 @@ public:
     }
 
     std::string log() const {
-        return readFile(dir_ / ("hostgauge" + std::to_string(pid_) + "_error.log"));
+        return ReadWhole(dir_ / ("hostgauge" + std::to_string(pid_) + "_error.log"));
     }
     bool waitForLog(const std::string& text, std::chrono::seconds deadline = kDeadline) const {
         return waitFor([&] { return log().find(text) != std::string::npos; }, deadline);
     }
     // The message texts of the log's records, oldest first.
-    std::vector<std::string> messages() const {
-        std::vector<std::string> texts;
-        for (auto& record : ParseRecords(log()))
-            texts.push_back(std::move(record.text));
-        return texts;
-    }
-    std::vector<std::string> toolArgs() const { return lines(readFile(dir_ / "args")); }
-    std::vector<std::string> toolPids() const { return lines(readFile(dir_ / "pids")); }
+    std::vector<std::string> messages() const { return RecordTexts(log()); }
+    std::vector<std::string> toolArgs() const { return lines(ReadWhole(dir_ / "args")); }
+    std::vector<std::string> toolPids() const { return lines(ReadWhole(dir_ / "pids")); }
     // Subscribes a balancer on 127.0.0.1 at port `to`; whether the daemon took it.
     bool subscribe(unsigned id, unsigned short to, unsigned replyMs = 10000,
                    unsigned percent = 10) const {

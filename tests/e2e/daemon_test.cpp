@@ -15,13 +15,13 @@ const std::string kFakeTool = std::string(HOSTGAUGE_SOURCE_DIR) + "/tests/e2e/fa
 
 // A pid counts as gone once it no longer exists or is only a zombie.
 bool processGone(pid_t pid) {
-    const std::string stat = readFile("/proc/" + std::to_string(pid) + "/stat");
+    const std::string stat = ReadWhole("/proc/" + std::to_string(pid) + "/stat");
     return ::kill(pid, 0) != 0 || stat.find(") Z ") != std::string::npos;
 }
 
 // Whether the process has a handler for SIGHUP (bit 0 of SigCgt in its status).
 bool catchesSighup(pid_t pid) {
-    for (const auto& line : lines(readFile("/proc/" + std::to_string(pid) + "/status")))
+    for (const auto& line : lines(ReadWhole("/proc/" + std::to_string(pid) + "/status")))
         if (line.starts_with("SigCgt:"))
             return std::stoull(line.substr(7), nullptr, 16) & 1;
     return false;
@@ -55,7 +55,7 @@ TEST(DaemonTest, MeasuresUntilSigtermThenCleansUp) {
     EXPECT_EQ(daemon.toolArgs(), std::vector<std::string>{"[-S][5][4]"});
 
     const fs::path pidFile = daemon.dir() / "hostgauge.pid";
-    EXPECT_EQ(readFile(pidFile), std::to_string(daemon.pid()));
+    EXPECT_EQ(ReadWhole(pidFile), std::to_string(daemon.pid()));
     EXPECT_EQ(fs::status(pidFile).permissions() & fs::perms::all,
               fs::perms::owner_read | fs::perms::owner_write);
 

@@ -54,14 +54,7 @@ TEST(Hardening, BigReportsReachResettingSlowAndStalledReadersAsTheyShould) {
     const int fd = connectTo(daemon.port(), 8192);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(::send(fd, kStatus.data(), kStatus.size(), 0), ssize_t(kStatus.size()));
-    std::string report;
-    std::vector<char> buffer(32768);
-    pollfd ready{fd, POLLIN, 0};
-    for (ssize_t got; ::poll(&ready, 1, 10000) == 1 &&
-                      (got = ::recv(fd, buffer.data(), buffer.size(), 0)) > 0;) {
-        report.append(buffer.data(), std::size_t(got));
-        std::this_thread::sleep_for(5ms);
-    }
+    const std::string report = receiveAll(fd, 10s, 5ms).text;
     ::close(fd);
     EXPECT_EQ(count(report, "<connection>"), kSubscriptions);
     EXPECT_TRUE(report.ends_with("</connection></cvnlbreply>"))
@@ -73,11 +66,10 @@ TEST(Hardening, BigReportsReachResettingSlowAndStalledReadersAsTheyShould) {
     const int stuck = connectTo(daemon.port(), 4096);
     ASSERT_EQ(::send(stuck, kStatus.data(), kStatus.size(), 0), ssize_t(kStatus.size()));
     std::this_thread::sleep_for(4s);
-    std::string partial;
-    for (ssize_t got; (got = ::recv(stuck, buffer.data(), buffer.size(), 0)) > 0;)
-        partial.append(buffer.data(), std::size_t(got));
+    const Received partial = receiveAll(stuck);
     ::close(stuck);
-    EXPECT_LT(count(partial, "<connection>"), kSubscriptions) << "the reply was not cut short";
+    EXPECT_TRUE(partial.closed) << "the daemon kept a reply nobody reads";
+    EXPECT_LT(count(partial.text, "<connection>"), kSubscriptions) << "the reply was not cut short";
 }
 
 TEST(Hardening, AConnectionStormUnderALowDescriptorLimitNeitherSpinsNorFloodsTheLog) {

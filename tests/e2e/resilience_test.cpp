@@ -22,7 +22,7 @@ std::vector<pid_t> copiesOf(const Daemon& daemon) {
     std::vector<pid_t> copies;
     for (const auto& entry : fs::directory_iterator("/proc")) {
         const std::string name = entry.path().filename();
-        std::string command = readFile(entry.path() / "cmdline");
+        std::string command = ReadWhole(entry.path() / "cmdline");
         std::replace(command.begin(), command.end(), '\0', ' ');
         if (name.find_first_not_of("0123456789") == std::string::npos &&
             std::stoi(name) != daemon.pid() &&
@@ -49,7 +49,7 @@ TEST(Resilience, AToolThatCannotBeExecutedLeavesNoCopiesOfTheDaemon) {
 
     for (Daemon* daemon : {&notExecutable, &removed}) {
         ASSERT_TRUE(daemon->waitForLog(kToolFailed, 60s)) << daemon->dir();
-        EXPECT_EQ(readFile(daemon->dir() / "hostgauge.pid"), std::to_string(daemon->pid()));
+        EXPECT_EQ(ReadWhole(daemon->dir() / "hostgauge.pid"), std::to_string(daemon->pid()));
         EXPECT_TRUE(copiesOf(*daemon).empty());
         ::kill(daemon->pid(), SIGTERM);
         EXPECT_EQ(daemon->waitExit(), 92);

@@ -40,15 +40,6 @@ void UseFilters(std::string const& directory, std::vector<std::string> const& te
     KyLog::SetupJSFilters(std::span<const KyUniString>(list));
 }
 
-// The texts of a plain log file's records, in order.
-std::vector<std::string> Texts(std::string const& path) {
-    std::vector<std::string> texts;
-    for (LogRecord const& record : ParseRecords(ReadWhole(path))) {
-        texts.push_back(record.text);
-    }
-    return texts;
-}
-
 // The patterns of filter terms.
 TEST(WildcardMatch, StarsQuestionMarksAndCase) {
     struct Case {
@@ -92,8 +83,9 @@ TEST(LogFilters, TermsChooseDestinationsAndMessagesFollowTheirCategories) {
     const std::string console = testing::internal::GetCapturedStderr();
 
     using V = std::vector<std::string>;
-    EXPECT_EQ(Texts(dir / ("all" + pid + ".log")), (V{"first", "second", "third"}));
-    EXPECT_EQ(Texts(dir / "net.log"), (V{"first", "second"}));
+    EXPECT_EQ(RecordTexts(ReadWhole(dir / ("all" + pid + ".log"))),
+              (V{"first", "second", "third"}));
+    EXPECT_EQ(RecordTexts(ReadWhole(dir / "net.log")), (V{"first", "second"}));
     const std::string jsl = ReadWhole(dir / "errors.jsl");
     EXPECT_EQ(jsl.find("first"), std::string::npos);
     EXPECT_NE(jsl.find("category=app/net/error"), std::string::npos);
@@ -180,13 +172,15 @@ TEST(LogFiles, ForkedChildrenWriteOnlyTheirOwnRecordsToFilesNamedWithTheirPid) {
     EXPECT_EQ(status, 0) << "a child that has logged nothing has no file";
     EXPECT_NE(ReadWhole(file(child)).find("(pid " + std::to_string(child) + ")"),
               std::string::npos);
-    EXPECT_EQ(Texts(file(child)), std::vector<std::string>{"the child's, written at exit"});
+    EXPECT_EQ(RecordTexts(ReadWhole(file(child))),
+              std::vector<std::string>{"the child's, written at exit"});
     KyLog::Flush();
-    EXPECT_EQ(Texts(file(getpid())), std::vector<std::string>{"the parent's, queued at the fork"});
+    EXPECT_EQ(RecordTexts(ReadWhole(file(getpid()))),
+              std::vector<std::string>{"the parent's, queued at the fork"});
 }
 
 // Records wait in their destination's buffer, in order, until a flush or a full buffer
-// writes them; standard error does not wait. (Reopening runs in the daemon's logging test.)
+// writes them; standard error does not wait. (Reopening on SIGHUP runs end to end.)
 TEST(LogBuffers, RecordsWaitForAFlushPointAndAreWrittenWholeAndInOrder) {
     LogTempDir dir;
     UseFilters(dir.Path(),
@@ -198,7 +192,8 @@ TEST(LogBuffers, RecordsWaitForAFlushPointAndAreWrittenWholeAndInOrder) {
     EXPECT_NE(testing::internal::GetCapturedStderr().find("three"), std::string::npos);
     EXPECT_TRUE(std::filesystem::is_empty(dir / "b.log")) << "nothing written before a flush";
     KyLog::Flush();
-    EXPECT_EQ(Texts(dir / "b.log"), (std::vector<std::string>{"one", "two", "three"}));
+    EXPECT_EQ(RecordTexts(ReadWhole(dir / "b.log")),
+              (std::vector<std::string>{"one", "two", "three"}));
 
     // A burst larger than the bound reaches the file in whole records before any flush;
     // what waits stays within the bound (records of about 1070 bytes: at most 62 of them).

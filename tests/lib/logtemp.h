@@ -72,3 +72,12 @@ inline std::vector<LogRecord> ParseRecords(std::string const& log) {
     }
     return records;
 }
+
+// The texts of a plain log file's records, oldest first.
+inline std::vector<std::string> RecordTexts(std::string const& log) {
+    std::vector<std::string> texts;
+    for (LogRecord& record : ParseRecords(log)) {
+        texts.push_back(std::move(record.text));
+    }
+    return texts;
+}

@@ -93,7 +93,7 @@ TEST(KySocket, BindWithoutRetriesFailsAtOnceAndSilently) {
         (std::to_string(second.FileDescriptor()) + ",127.0.0.1:" + std::to_string(port)).c_str());
 }
 
-// A socket never opened fails with the call named.
+// A datagram goes out whole and is read back; a socket never opened fails with the call named.
 TEST(KySocket, DatagramsReportTheirIOResults) {
     KySocket receiver, sender;
     const unsigned port = BindLoopback(receiver, KySocket::Datagram);
